@@ -1,0 +1,5 @@
+#include "data.h"
+
+CData::CData() : QObject(nullptr) {}
+
+CData::~CData() = default;

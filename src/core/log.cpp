@@ -1,0 +1,167 @@
+#include "log.h"
+
+#include "datacenter.h"
+
+#include <QDateTime>
+#include <QDebug>
+#include <QDir>
+#include <QStandardPaths>
+
+#include <cstdarg>
+#include <cstdio>
+#include <pthread.h>
+#include <unistd.h>
+
+namespace {
+constexpr int kPrefixSize = 512;
+constexpr int kBodySize = 2048;
+constexpr time_t kRecycleSeconds = 3600;
+
+time_t systemClock()
+{
+    return time(nullptr);
+}
+} // namespace
+
+LogManager* LogManager::m_this = nullptr;
+
+LogManager::LogManager() : m_clock(systemClock) {}
+
+LogManager* LogManager::getInstance()
+{
+    if (!m_this)
+        m_this = new LogManager;
+    return m_this;
+}
+
+void LogManager::destroyInstance()
+{
+    delete m_this;
+    m_this = nullptr;
+}
+
+bool LogManager::isEnabled(int level)
+{
+    const int threshold = DataCenter::getInstance()->GetLogLevel();
+    return threshold != 0 && threshold <= level;
+}
+
+void LogManager::init()
+{
+    if (DataCenter::getInstance()->GetLogLevel() == 0)
+        return;
+
+    const QString dirPath =
+        QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) + "/627log/support/";
+    QDir dir(dirPath);
+    if (!dir.exists())
+        dir.mkpath(dirPath);
+
+    const QString name = QDateTime::currentDateTime().toString("MMdd_hhmmss_") +
+                         QString::number(getpid()) + "_627.log";
+
+    QMutexLocker lock(&m_mutex);
+    m_stream.setDevice(nullptr);
+    m_file.close();
+    m_fileName = dirPath + name;
+    m_file.setFileName(m_fileName);
+    m_stream.setDevice(&m_file);
+    m_file.open(QIODevice::WriteOnly | QIODevice::Append);
+    m_isNewFile = true;
+    m_fileCount = 0;
+}
+
+void LogManager::Msg(int level, const char* format, ...)
+{
+    if (!isEnabled(level))
+        return;
+    va_list args;
+    va_start(args, format);
+    vMsg(level, format, args);
+    va_end(args);
+}
+
+void LogManager::vMsg(int level, const char* format, va_list args)
+{
+    if (!isEnabled(level))
+        return;
+
+    char prefix[kPrefixSize] = {};
+    snprintf(prefix, sizeof prefix, "[%05llu]%s",
+             static_cast<unsigned long long>(pthread_self()),
+             QDateTime::currentDateTime()
+                 .toString("yyyy-MM-dd hh:mm:ss.zzz  ")
+                 .toLocal8Bit()
+                 .constData());
+    char body[kBodySize] = {};
+    vsnprintf(body, sizeof body, format, args);
+
+    const QString line = QString::fromLocal8Bit(prefix) + QString::fromLocal8Bit(body);
+    qDebug().noquote() << line;
+
+    QMutexLocker lock(&m_mutex);
+    const time_t now = m_clock();
+    if (m_isNewFile) {
+        m_fileStart = now;
+        m_isNewFile = false;
+        ++m_fileCount;
+        m_stream << m_fileCount << "!!!" << '\n';
+    } else if (now - m_fileStart > kRecycleSeconds) {
+        // Start the same file afresh; the marker follows on the next line.
+        m_isNewFile = true;
+        m_stream.setDevice(nullptr);
+        m_file.remove();
+        m_file.close();
+        m_file.setFileName(m_fileName);
+        m_stream.setDevice(&m_file);
+        m_file.open(QIODevice::WriteOnly | QIODevice::Append);
+    }
+    m_stream << line << Qt::endl;
+}
+
+QString LogManager::fileName()
+{
+    QMutexLocker lock(&m_mutex);
+    return m_fileName;
+}
+
+void LogManager::setClock(Clock clock)
+{
+    QMutexLocker lock(&m_mutex);
+    m_clock = clock ? clock : systemClock;
+}
+
+Infor::Infor(int level, const std::string& name) : m_name(name), m_level(level)
+{
+    enter("");
+}
+
+Infor::Infor(int level, const std::string& name, const char* format, ...)
+    : m_name(name), m_level(level)
+{
+    if (!LogManager::isEnabled(level))
+        return;
+    char text[kBodySize] = {};
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    enter(text);
+}
+
+void Infor::enter(const char* text)
+{
+    if (!LogManager::isEnabled(m_level)) {
+        m_name.clear();
+        return;
+    }
+    m_name += text;
+    LogManager::getInstance()->Msg(m_level, "%s----[Enter]", m_name.c_str());
+}
+
+Infor::~Infor()
+{
+    if (!LogManager::isEnabled(m_level))
+        return;
+    LogManager::getInstance()->Msg(m_level, "%s----[Leave]", m_name.c_str());
+}

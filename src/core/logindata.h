@@ -1,0 +1,18 @@
+#pragma once
+
+#include "data.h"
+
+// Login and logout records, copied in and out whole under the record mutex.
+class CLoginData : public CData
+{
+    Q_OBJECT
+public:
+    void GetLoginInfor(CLoginInfor& info);
+    void SetLoginInfor(const CLoginInfor& info);
+    void GetLogoutInfor(CLogoutInfor& info);
+    void SetLogoutInfor(const CLogoutInfor& info);
+
+private:
+    CLoginInfor m_loginInfor;
+    CLogoutInfor m_logoutInfor;
+};

@@ -1,0 +1,6 @@
+#include "core/entry.h"
+
+int main(int argc, char** argv)
+{
+    return entry::run(argc, argv);
+}

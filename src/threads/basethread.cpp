@@ -1,0 +1,79 @@
+#include "basethread.h"
+
+#include "core/log.h"
+#include "core/sync.h"
+
+#include <pthread.h>
+
+CBaseThread::CBaseThread() = default;
+
+CBaseThread::~CBaseThread() = default;
+
+int CBaseThread::GetState()
+{
+    Sync lock(&m_mutex);
+    return m_state;
+}
+
+void CBaseThread::SetState(int state)
+{
+    Sync lock(&m_mutex);
+    m_state = state;
+}
+
+void CBaseThread::SetThreadId()
+{
+    Sync lock(&m_mutex);
+    m_threadId = static_cast<quint64>(pthread_self());
+}
+
+quint64 CBaseThread::GetThreadId()
+{
+    Sync lock(&m_mutex);
+    return m_threadId;
+}
+
+void CBaseThread::SetData(const QVariant& data)
+{
+    Sync lock(&m_mutex);
+    m_data = data;
+}
+
+QVariant CBaseThread::GetData()
+{
+    Sync lock(&m_mutex);
+    return m_data;
+}
+
+void CBaseThread::SetValid(bool valid)
+{
+    Sync lock(&m_mutex);
+    m_valid = valid;
+}
+
+bool CBaseThread::GetValid()
+{
+    Sync lock(&m_mutex);
+    return m_valid;
+}
+
+void CBaseThread::SetType(int type)
+{
+    m_type = type;
+}
+
+int CBaseThread::GetType()
+{
+    Sync lock(&m_mutex);
+    return m_type;
+}
+
+void CBaseThread::run()
+{
+    SetThreadId();
+    LogManager::getInstance()->Msg(3, "[thread]name:%s tId:%llu",
+                                   metaObject()->className(),
+                                   static_cast<unsigned long long>(GetThreadId()));
+}
+
+void CBaseThread::Quit() {}

@@ -1,0 +1,152 @@
+#include "threadmanager.h"
+
+#include "basethread.h"
+#include "core/log.h"
+#include "core/sync.h"
+#include "mainappdetectthread.h"
+#include "networkdetectthread.h"
+
+ThreadManager* ThreadManager::m_this = nullptr;
+
+ThreadManager* ThreadManager::GetInstance()
+{
+    if (!m_this)
+        m_this = new ThreadManager;
+    return m_this;
+}
+
+void ThreadManager::DestroyInstance()
+{
+    delete m_this;
+    m_this = nullptr;
+}
+
+void ThreadManager::Init()
+{
+    LogManager::getInstance()->Msg(1, "[ThreadManager]init");
+}
+
+bool ThreadManager::Exist(int type, const QVariant& data)
+{
+    for (CBaseThread* thread : qAsConst(m_threads)) {
+        if (thread->GetType() == type && thread->GetData() == data && thread->GetValid())
+            return true;
+    }
+    return false;
+}
+
+CBaseThread* ThreadManager::CreateThread(int type, const QVariant& data)
+{
+    Sync lock(&m_mutex);
+    if (Exist(type, data)) {
+        LogManager::getInstance()->Msg(3, "exist the same valid thread");
+        return nullptr;
+    }
+
+    CBaseThread* thread = nullptr;
+    switch (type) {
+    case 2:
+        thread = new CNetWorkDetectThread;
+        break;
+    case 4:
+        thread = new CMainAppDetectThread;
+        break;
+    default:
+        return nullptr;
+    }
+    thread->SetType(type);
+    thread->SetData(data);
+    m_threads.append(thread);
+    thread->start(QThread::InheritPriority);
+    return thread;
+}
+
+bool ThreadManager::IsExist(int typeMask)
+{
+    Sync lock(&m_mutex);
+    for (CBaseThread* thread : qAsConst(m_threads)) {
+        if ((thread->GetType() & typeMask) != 0 && !thread->isFinished())
+            return true;
+    }
+    return false;
+}
+
+bool ThreadManager::IsInvalidThreadExist(int type, const QVariant& data, int waited, int limit)
+{
+    Sync lock(&m_mutex);
+    if (data.toString().isEmpty() || m_threads.isEmpty())
+        return false;
+
+    for (CBaseThread* thread : qAsConst(m_threads)) {
+        if (thread->GetValid() || thread->GetType() != type || thread->GetData() != data)
+            continue;
+        thread->Quit();
+        LogManager::getInstance()->Msg(1, "invalid main thread is exist");
+        if (waited > limit) {
+            LogManager::getInstance()->Msg(3, "!!! over time, terminate invalid main thread");
+            thread->terminate();
+        }
+        return true;
+    }
+    return false;
+}
+
+void ThreadManager::StopThread(int type, const QVariant& data)
+{
+    Infor tracer(0, std::string(metaObject()->className()) + "_StopThread");
+    Sync lock(&m_mutex);
+    for (CBaseThread* thread : qAsConst(m_threads)) {
+        if (thread->GetType() == type && thread->GetData() == data) {
+            LogManager::getInstance()->Msg(1, "found main thread");
+            thread->Quit();
+            thread->SetValid(false);
+        }
+    }
+}
+
+void ThreadManager::CleanThread()
+{
+    Sync lock(&m_mutex);
+    for (CBaseThread* thread : qAsConst(m_threads))
+        getThreadInfo(thread);
+
+    int index = 0;
+    while (index < m_threads.size()) {
+        CBaseThread* thread = m_threads.at(index);
+        if (thread->isFinished()) {
+            m_threads.removeAt(index);
+            delete thread;
+            index = 0;
+        } else {
+            ++index;
+        }
+    }
+}
+
+void ThreadManager::FinishAllThread()
+{
+    Sync lock(&m_mutex);
+    for (CBaseThread* thread : qAsConst(m_threads))
+        thread->Quit();
+}
+
+void ThreadManager::Destroy()
+{
+    Sync lock(&m_mutex);
+    for (CBaseThread* thread : qAsConst(m_threads))
+        thread->Quit();
+    // The threads themselves are left to the end of the process.
+    m_threads = QList<CBaseThread*>();
+}
+
+void ThreadManager::getThreadInfo(CBaseThread* thread)
+{
+    // Gathered for diagnostics; no line is emitted.
+    const QString info = QString("%1 tId:%2 running:%3 data:%4 valid:%5")
+                             .arg(thread->metaObject()->className())
+                             .arg(thread->GetThreadId())
+                             .arg(thread->isRunning())
+                             .arg(thread->GetData().toString())
+                             .arg(thread->GetValid());
+    Q_UNUSED(info);
+}
