@@ -1,0 +1,77 @@
+// d627-mainapp: plays the main application on one machine. It holds its own single-instance
+// lock file, starts the daemon when none answers on the local server, sends the login
+// message built from its options, prints every message the daemon sends as a timestamped
+// line, and sends {"exit":true} on the stdin line "exit" or on Ctrl-C.
+//
+// Other stdin lines: "login" sends the login message again, "drop" closes the local link
+// (the daemon's watchdog then looks at our lock file), "quit" leaves without telling the
+// daemon (our lock is released, as when the main application dies).
+#include "mainappclient.h"
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QDir>
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+
+namespace {
+std::atomic<bool> g_interrupted{false};
+
+void onSignal(int)
+{
+    g_interrupted.store(true);
+}
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName("d627-mainapp");
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription("Stand-in for the main application of the d627 daemon.");
+    parser.addHelpOption();
+    const QCommandLineOption daemon("daemon", "Path of the d627 binary to start.", "path",
+                                    QCoreApplication::applicationDirPath() + "/d627");
+    const QCommandLineOption userId("user-id", "User id of the login message.", "id", "10001");
+    const QCommandLineOption cookie("cookie", "Cookie string of the login message.", "text",
+                                    "USERSESSIONID=demo-session;PHPSESSID=demo-php;");
+    const QCommandLineOption setting("setting", "Setting bits (1 rc, 2 https, 4 encrypt).", "n",
+                                     "0");
+    const QCommandLineOption userAgent("user-agent", "User agent for the daemon's requests.",
+                                       "text", "d627-mainapp/1.0");
+    const QCommandLineOption logLevel("loglevel", "Log threshold for the daemon (0 off).", "n",
+                                      "1");
+    const QCommandLineOption lockFile("lockfile", "Our own lock file.", "path",
+                                      QDir::tempPath() + "/d627-mainapp.lock");
+    const QCommandLineOption stayOption("stay", "Keep running when the daemon goes away.");
+    parser.addOptions({daemon, userId, cookie, setting, userAgent, logLevel, lockFile, stayOption});
+    parser.process(app);
+
+    MainAppClient::Options options;
+    options.daemonPath = parser.value(daemon);
+    options.userId = parser.value(userId);
+    options.cookie = parser.value(cookie);
+    options.setting = parser.value(setting).toInt();
+    options.userAgent = parser.value(userAgent);
+    options.logLevel = parser.value(logLevel).toInt();
+    options.lockFile = parser.value(lockFile);
+    options.stay = parser.isSet(stayOption);
+
+    MainAppClient client(options);
+    if (!client.start())
+        return 1;
+
+    std::signal(SIGINT, onSignal);
+    std::signal(SIGTERM, onSignal);
+    QTimer signalPoll;
+    QObject::connect(&signalPoll, &QTimer::timeout, [&client] {
+        if (g_interrupted.exchange(false))
+            client.sendExitAndQuit();
+    });
+    signalPoll.start(100);
+
+    return QCoreApplication::exec();
+}

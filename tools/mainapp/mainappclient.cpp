@@ -1,0 +1,178 @@
+#include "mainappclient.h"
+
+#include "core/entry.h"
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QThread>
+
+#include <cstdio>
+#include <unistd.h>
+
+void printLine(const QString& text)
+{
+    const QString stamp = QDateTime::currentDateTime().toString("hh:mm:ss.zzz");
+    std::printf("[%s] mainapp: %s\n", qPrintable(stamp), text.toUtf8().constData());
+    std::fflush(stdout);
+}
+
+QList<QByteArray> takeJsonObjects(QByteArray& buffer)
+{
+    QList<QByteArray> objects;
+    int depth = 0;
+    bool inString = false;
+    bool escaped = false;
+    int start = -1;
+    int consumed = 0;
+    for (int i = 0; i < buffer.size(); ++i) {
+        const char c = buffer.at(i);
+        if (inString) {
+            if (escaped)
+                escaped = false;
+            else if (c == '\\')
+                escaped = true;
+            else if (c == '"')
+                inString = false;
+            continue;
+        }
+        if (c == '"') {
+            inString = true;
+        } else if (c == '{') {
+            if (depth++ == 0)
+                start = i;
+        } else if (c == '}' && depth > 0 && --depth == 0) {
+            objects << buffer.mid(start, i - start + 1);
+            consumed = i + 1;
+        }
+    }
+    buffer.remove(0, consumed);
+    return objects;
+}
+
+MainAppClient::MainAppClient(const Options& options)
+    : m_options(options), m_lock(options.lockFile)
+{
+    connect(&m_socket, &QLocalSocket::readyRead, this, &MainAppClient::onReadyRead);
+    connect(&m_socket, &QLocalSocket::disconnected, this, &MainAppClient::onDisconnected);
+}
+
+bool MainAppClient::start()
+{
+    if (!m_lock.tryLock(100)) {
+        printLine("another main application holds " + m_options.lockFile);
+        return false;
+    }
+    if (!connectToDaemon(300)) {
+        printLine("no daemon answers; starting " + m_options.daemonPath);
+        if (!QProcess::startDetached(m_options.daemonPath, {})) {
+            printLine("could not start the daemon");
+            return false;
+        }
+        if (!connectToDaemon(5000)) {
+            printLine("the daemon did not answer within 5 s");
+            return false;
+        }
+    }
+    printLine("connected to the daemon");
+    sendLogin();
+
+    m_stdin.reset(new QSocketNotifier(STDIN_FILENO, QSocketNotifier::Read));
+    connect(m_stdin.data(), &QSocketNotifier::activated, this, &MainAppClient::onStdin);
+    return true;
+}
+
+bool MainAppClient::connectToDaemon(int timeoutMs)
+{
+    QElapsedTimer timer;
+    timer.start();
+    do {
+        m_socket.connectToServer(QString::fromLatin1(entry::kInstanceId));
+        if (m_socket.waitForConnected(200))
+            return true;
+        QThread::msleep(50);
+    } while (timer.elapsed() < timeoutMs);
+    return false;
+}
+
+void MainAppClient::sendLogin()
+{
+    const QJsonObject login{{"user_id", m_options.userId},
+                            {"cookie", m_options.cookie},
+                            {"setting", m_options.setting},
+                            {"user_agent", m_options.userAgent},
+                            {"pid", int(QCoreApplication::applicationPid())},
+                            {"lockfile", m_options.lockFile},
+                            {"loglevel", m_options.logLevel}};
+    send(QJsonDocument(login).toJson(QJsonDocument::Compact));
+}
+
+void MainAppClient::send(const QByteArray& bytes)
+{
+    if (m_socket.state() != QLocalSocket::ConnectedState) {
+        printLine("not connected; not sent: " + QString::fromUtf8(bytes));
+        return;
+    }
+    printLine("sent " + QString::fromUtf8(bytes));
+    m_socket.write(bytes);
+    m_socket.flush();
+}
+
+void MainAppClient::sendExitAndQuit()
+{
+    m_leaving = true;
+    send(R"({"exit":true})");
+    m_socket.waitForBytesWritten(1000);
+    QCoreApplication::exit(0);
+}
+
+void MainAppClient::onReadyRead()
+{
+    m_pending += m_socket.readAll();
+    for (const QByteArray& object : takeJsonObjects(m_pending))
+        printLine("received " + QString::fromUtf8(object));
+}
+
+void MainAppClient::onDisconnected()
+{
+    printLine("the daemon closed the link");
+    if (!m_options.stay && !m_leaving)
+        QCoreApplication::exit(0);
+}
+
+void MainAppClient::onStdin()
+{
+    char buffer[512];
+    if (!std::fgets(buffer, sizeof buffer, stdin)) {
+        // End of input: stop listening, keep running.
+        m_stdin->setEnabled(false);
+        return;
+    }
+    handleCommand(QByteArray(buffer).trimmed());
+}
+
+void MainAppClient::handleCommand(const QByteArray& line)
+{
+    if (line == "exit") {
+        sendExitAndQuit();
+    } else if (line == "login") {
+        sendLogin();
+    } else if (line == "drop") {
+        m_leaving = true;
+        printLine("closing the local link");
+        m_socket.disconnectFromServer();
+    } else if (line == "connect") {
+        m_leaving = false;
+        if (connectToDaemon(2000))
+            printLine("connected to the daemon");
+    } else if (line == "quit") {
+        printLine("leaving without a word; the lock is released");
+        m_leaving = true;
+        QCoreApplication::exit(0);
+    } else if (!line.isEmpty()) {
+        printLine("unknown command: " + QString::fromUtf8(line) +
+                  " (exit, login, drop, connect, quit)");
+    }
+}

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <QLocalSocket>
+#include <QLockFile>
+#include <QObject>
+#include <QScopedPointer>
+#include <QSocketNotifier>
+#include <QTimer>
+
+// The main application's side of the local link, for the stand-in tool. Runs on the main
+// thread of d627-mainapp.
+class MainAppClient : public QObject
+{
+    Q_OBJECT
+public:
+    struct Options
+    {
+        QString daemonPath;
+        QString userId;
+        QString cookie;
+        int setting = 0;
+        QString userAgent;
+        int logLevel = 1;
+        QString lockFile;
+        bool stay = false;
+    };
+
+    explicit MainAppClient(const Options& options);
+
+    // Takes our lock, reaches (or starts) the daemon and sends the login message.
+    bool start();
+    void sendExitAndQuit();
+
+private slots:
+    void onReadyRead();
+    void onDisconnected();
+    void onStdin();
+
+private:
+    bool connectToDaemon(int timeoutMs);
+    void sendLogin();
+    void send(const QByteArray& bytes);
+    void handleCommand(const QByteArray& line);
+
+    Options m_options;
+    QLockFile m_lock;
+    QLocalSocket m_socket;
+    QByteArray m_pending;
+    QScopedPointer<QSocketNotifier> m_stdin;
+    bool m_leaving = false;
+};
+
+// Prints one timestamped line on stdout and flushes it.
+void printLine(const QString& text);
+
+// Splits a stream of unframed, concatenated JSON objects; incomplete tail stays in buffer.
+QList<QByteArray> takeJsonObjects(QByteArray& buffer);

@@ -1,0 +1,40 @@
+#!/usr/bin/env bash
+# One entry point for a fresh Debian 12 machine:
+#   bash tools/setup.sh demo   installs what is missing, builds, runs the demo story
+#   bash tools/setup.sh test   installs what is missing, builds, runs the whole test suite
+set -euo pipefail
+
+mode=${1:-demo}
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${D627_BUILD_DIR:-$root/build}
+
+packages=(g++ cmake ninja-build pkg-config qtbase5-dev liblz4-dev libsodium-dev openssl)
+missing=()
+for p in "${packages[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+    echo "== installing: ${missing[*]}"
+    sudo_cmd=""
+    [ "$(id -u)" -eq 0 ] || sudo_cmd="sudo"
+    $sudo_cmd apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+
+echo "== building in $build"
+cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build "$build" -j"$(nproc)"
+
+case "$mode" in
+demo)
+    exec bash "$root/tools/demo.sh" "$build"
+    ;;
+test)
+    cd "$build"
+    exec ctest --output-on-failure -j"$(nproc)" --timeout 300
+    ;;
+*)
+    echo "usage: $0 demo|test" >&2
+    exit 2
+    ;;
+esac
