@@ -1,0 +1,283 @@
+// Push frames against hand-built bytes, and answers sealed the way a push server seals them
+// (the stand-in cipher library called directly, LZ4 for compressed answers).
+#include "logcapture.h"
+#include "push/msg_client.h"
+
+#include <QLibrary>
+#include <QRandomGenerator>
+#include <QRegularExpression>
+#include <QtEndian>
+#include <QtTest>
+#include <lz4.h>
+
+namespace {
+using SealFn = int (*)(const unsigned char*, int, unsigned char*, int*);
+using MsgOpenFn = int (*)(unsigned int, const unsigned char*, int, const unsigned char*, int,
+                          unsigned char*, int*);
+
+QByteArray le32(quint32 v)
+{
+    QByteArray b(4, '\0');
+    qToLittleEndian(v, b.data());
+    return b;
+}
+
+const auto uc = [](const QByteArray& b) {
+    return reinterpret_cast<const unsigned char*>(b.data());
+};
+
+QByteArray rspHead(const char* magic, quint32 seq, bool compressed, quint32 length)
+{
+    return QByteArray(magic, 4) + le32(seq) + QByteArray(1, compressed ? 1 : 0) +
+           QByteArray(3, '\x7f') + le32(length);
+}
+} // namespace
+
+class TstMsgClientCodec : public QObject
+{
+    Q_OBJECT
+
+    QLibrary m_lib{"ec627"};
+    SealFn m_seal = nullptr;
+    SealFn m_open = nullptr;
+    MsgOpenFn m_msgOpen = nullptr;
+    LogCapture m_log;
+
+    QByteArray seal(const QByteArray& plain)
+    {
+        QByteArray out(plain.size() + 64, '\0');
+        int n = out.size();
+        if (m_seal(uc(plain), plain.size(), reinterpret_cast<unsigned char*>(out.data()), &n) != 0)
+            return {};
+        return out.left(n);
+    }
+    QByteArray compress(const QByteArray& plain)
+    {
+        QByteArray out(LZ4_compressBound(plain.size()), '\0');
+        const int n = LZ4_compress_default(plain.data(), out.data(), plain.size(), out.size());
+        return out.left(n);
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY2(m_lib.load(), qPrintable(m_lib.errorString()));
+        m_seal = reinterpret_cast<SealFn>(m_lib.resolve("ec627_encode_data"));
+        m_open = reinterpret_cast<SealFn>(m_lib.resolve("ec627_decode"));
+        m_msgOpen = reinterpret_cast<MsgOpenFn>(m_lib.resolve("ec627_msg_decode"));
+        QVERIFY(m_seal && m_open && m_msgOpen);
+        m_log.start(1);
+        QCOMPARE(Msg_client::init(), 0);
+    }
+    void init() { m_log.mark(); }
+
+    void heartbeat()
+    {
+        QByteArray out("old");
+        QCOMPARE(Msg_client::heartbeat_req(out), 0);
+        QCOMPARE(out, QByteArray("GOOS"));
+    }
+
+    void loginFrame_data()
+    {
+        QTest::addColumn<uint>("clientType");
+        QTest::addColumn<qulonglong>("session");
+        QTest::addColumn<uint>("user");
+        QTest::addColumn<uint>("seq");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("daemon") << 7u << 0x1122334455667788ull << 4242u << 0u
+                                << R"({"cmd":"login","cookie":"a=b; c=d"})";
+        QTest::newRow("empty text, high bits")
+            << 0x1FFu << ~0ull << 0xFFFFFFFFu << 0x01020304u << QString();
+        QTest::newRow("long utf-8") << 7u << 1ull << 1u << 9u << QString(5000, QChar(0x00E9));
+    }
+    void loginFrame()
+    {
+        QFETCH(uint, clientType);
+        QFETCH(qulonglong, session);
+        QFETCH(uint, user);
+        QFETCH(uint, seq);
+        QFETCH(QString, text);
+        QByteArray out;
+        QCOMPARE(Msg_client::first_req_encode(clientType, session, user, seq, 0, text, out), 0);
+
+        QByteArray sessionLe(8, '\0');
+        qToLittleEndian<quint64>(session, sessionLe.data());
+        const QByteArray head = QByteArray("HOOS\x01\x00", 6) + char(clientType & 0xFF) + '\0' +
+                                sessionLe + le32(user) + le32(seq);
+        QCOMPARE(out.left(24), head);
+        QCOMPARE(out.mid(72, 4), le32(0));
+        const QByteArray body = out.mid(80);
+        QCOMPARE(out.mid(76, 4), le32(body.size()));
+
+        // The server opens the body with the token at offset 24 and the user id.
+        const QByteArray token = out.mid(24, 48);
+        QByteArray plain(body.size(), '\0');
+        int n = plain.size();
+        QCOMPARE(m_msgOpen(user, uc(token), 48, uc(body), body.size(),
+                           reinterpret_cast<unsigned char*>(plain.data()), &n),
+                 0);
+        QCOMPARE(plain.left(n), le32(0) + text.toUtf8());
+        QCOMPARE(m_msgOpen(user + 1, uc(token), 48, uc(body), body.size(),
+                           reinterpret_cast<unsigned char*>(plain.data()), &n),
+                 -3);
+    }
+
+    void normalFrame()
+    {
+        QByteArray out;
+        const QString text = R"({"query":"latest"})";
+        QCOMPARE(Msg_client::normal_req_encode(0xA1B2C3D4, 1234, text, out), 0);
+        QCOMPARE(out.left(12), QByteArray("IOOS\xD4\xC3\xB2\xA1\0\0\0\0", 12));
+        const QByteArray body = out.mid(16);
+        QCOMPARE(out.mid(12, 4), le32(body.size()));
+        QByteArray plain(body.size(), '\0');
+        int n = plain.size();
+        QCOMPARE(m_open(uc(body), body.size(), reinterpret_cast<unsigned char*>(plain.data()), &n),
+                 0);
+        QCOMPARE(plain.left(n), le32(1234) + text.toUtf8());
+    }
+
+    void answers_data()
+    {
+        QTest::addColumn<QByteArray>("magic");
+        QTest::addColumn<bool>("compressed");
+        QTest::addColumn<QByteArray>("text");
+        QByteArray big;
+        auto* rng = QRandomGenerator::global();
+        for (int i = 0; i < 3000; ++i)
+            big += QByteArray(R"({"id":)") + QByteArray::number(rng->generate()) + R"(,"mt":138},)";
+        QTest::newRow("plain response") << QByteArray("JOOS") << false << QByteArray(R"({"a":1})");
+        QTest::newRow("plain push") << QByteArray("KOOS") << false << QByteArray(R"({"mt":149})");
+        QTest::newRow("compressed short") << QByteArray("JOOS") << true << QByteArray("{}");
+        QTest::newRow("compressed big") << QByteArray("KOOS") << true << big;
+        QTest::newRow("empty plain") << QByteArray("JOOS") << false << QByteArray();
+    }
+    void answers()
+    {
+        QFETCH(QByteArray, magic);
+        QFETCH(bool, compressed);
+        QFETCH(QByteArray, text);
+        const QByteArray body = seal(compressed ? compress(text) : text);
+        QByteArray out("old");
+        QCOMPARE(Msg_client::decode(rspHead(magic, 77, compressed, body.size()), body, out), 0);
+        QCOMPARE(out, text);
+        tagTRANSPORT_PKG_HEAD_RSP head;
+        QVERIFY(Msg_client::parseHead(rspHead(magic, 77, compressed, body.size()), head));
+        QCOMPARE(head.seq, 77u);
+        QCOMPARE(head.compressed, quint8(compressed ? 1 : 0));
+    }
+
+    void decodeFailures_data()
+    {
+        QTest::addColumn<QByteArray>("head");
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<QByteArray>("line");
+        const QByteArray body(50, 'x');
+        QTest::newRow("notice 7 bytes")
+            << QByteArray("LOOS") << QByteArray(7, 'n')
+            << QByteArray("decode get push notice data but in data len err [7], required len "
+                          "[8]magic_num [1397706572]");
+        QTest::newRow("4-byte head not a notice")
+            << QByteArray("JOOS") << QByteArray(8, 'n')
+            << QByteArray("in data len err [8], required len [8]magic_num [1397706570]");
+        QTest::newRow("request magic")
+            << rspHead("IOOS", 1, false, 50) << body
+            << QByteArray("head.magic_quote [1397706569] err, MAGIC_RSP [1397706570] MAGIC_PSH "
+                          "[1397706571]");
+        QTest::newRow("length one short")
+            << rspHead("JOOS", 1, false, 49) << body
+            << QByteArray("length err head.length = [49], in.length() = [50]");
+        QTest::newRow("head 15 bytes")
+            << rspHead("JOOS", 1, false, 50).left(15) << body
+            << QByteArray("length of headstring [15] not confirmed to sizeof(MSG_HEAD) [16]");
+        QTest::newRow("head empty")
+            << QByteArray() << body
+            << QByteArray("length of headstring [0] not confirmed to sizeof(MSG_HEAD) [16]");
+    }
+    void decodeFailures()
+    {
+        QFETCH(QByteArray, head);
+        QFETCH(QByteArray, body);
+        QFETCH(QByteArray, line);
+        QByteArray out("untouched");
+        QCOMPARE(Msg_client::decode(head, body, out), -1);
+        QCOMPARE(out, QByteArray("untouched"));
+        QVERIFY2(m_log.contains(line), m_log.since().constData());
+    }
+
+    void bodyFailures_data()
+    {
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<bool>("compressed");
+        QTest::addColumn<QByteArray>("expectedOut");
+        QTest::addColumn<QString>("debugLine");
+        QByteArray tampered = seal("hello world");
+        tampered[tampered.size() - 1] = char(tampered.at(tampered.size() - 1) ^ 1);
+        QTest::newRow("tampered") << tampered << false << QByteArray("untouched")
+                                  << "^ec627_decode fail$";
+        QTest::newRow("truncated") << seal("hello world").chopped(1) << true
+                                   << QByteArray("untouched") << "^ec627_decode fail$";
+        QTest::newRow("decompresses to nothing")
+            << seal(QByteArray(1, '\0')) << true << QByteArray() << QString();
+        QTest::newRow("corrupt block") << seal(QByteArray(30, '\xff')) << true << QByteArray()
+                                       << R"(^lz4 decompress fail \[-\d+\]$)";
+        // A server may not rely on more than 16 * encrypted size + 1536 decompressed bytes.
+        QTest::newRow("ratio above bound") << seal(compress(QByteArray(1 << 20, 'a'))) << true
+                                           << QByteArray() << R"(^lz4 decompress fail \[-\d+\]$)";
+    }
+    void bodyFailures()
+    {
+        QFETCH(QByteArray, body);
+        QFETCH(bool, compressed);
+        QFETCH(QByteArray, expectedOut);
+        QFETCH(QString, debugLine);
+        if (!debugLine.isEmpty())
+            QTest::ignoreMessage(QtDebugMsg, QRegularExpression(debugLine));
+        QByteArray out("untouched");
+        QCOMPARE(Msg_client::decode(rspHead("JOOS", 3, compressed, body.size()), body, out), -1);
+        QCOMPARE(out, expectedOut);
+    }
+
+    void notices_data()
+    {
+        QTest::addColumn<QByteArray>("head");
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<QByteArray>("expected");
+        const QByteArray fixed(R"({"data":{"notice_id":"%llu","t":580001},"mt":50332160})");
+        QTest::newRow("notice 42")
+            << QByteArray("LOOS") << le32(42) + QByteArray("\1\2\3\4", 4)
+            << QByteArray(R"({"data":{"notice_id":"42","t":580001},"mt":50332160})");
+        QTest::newRow("notice max")
+            << QByteArray("LOOS") << le32(0xFFFFFFFF) + le32(0)
+            << QByteArray(R"({"data":{"notice_id":"4294967295","t":580001},"mt":50332160})");
+        // An 8-byte response body is never decrypted, compressed or not.
+        QTest::newRow("8-byte response")
+            << rspHead("JOOS", 1, false, 8) << le32(42) + le32(0) << fixed;
+        QTest::newRow("8-byte compressed push")
+            << rspHead("KOOS", 1, true, 8) << QByteArray(8, '\xff') << fixed;
+    }
+    void notices()
+    {
+        QFETCH(QByteArray, head);
+        QFETCH(QByteArray, body);
+        QFETCH(QByteArray, expected);
+        QByteArray out;
+        QCOMPARE(Msg_client::decode(head, body, out), 0);
+        QCOMPARE(out, expected);
+    }
+
+    void decodeXNoticeMagics()
+    {
+        const QByteArray fixed(R"({"data":{"notice_id":"%llu","t":580001},"mt":50332160})");
+        QByteArray out;
+        QCOMPARE(Msg_client::decodeX(0x03000200, 0, QByteArray(40, 'z'), out), 0);
+        QCOMPARE(out, fixed);
+        out.clear();
+        QCOMPARE(Msg_client::decodeX(MAGIC_NOTICE, 1, QByteArray(), out), 0);
+        QCOMPARE(out, fixed);
+    }
+};
+
+QTEST_GUILESS_MAIN(TstMsgClientCodec)
+#include "tst_msgclientcodec.moc"
