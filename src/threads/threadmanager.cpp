@@ -1,6 +1,7 @@
 #include "threadmanager.h"
 
 #include "basethread.h"
+#include "clientthread.h"
 #include "core/log.h"
 #include "core/sync.h"
 #include "mainappdetectthread.h"
@@ -45,6 +46,9 @@ CBaseThread* ThreadManager::CreateThread(int type, const QVariant& data)
 
     CBaseThread* thread = nullptr;
     switch (type) {
+    case 1:
+        thread = new ClientThread;
+        break;
     case 2:
         thread = new CNetWorkDetectThread;
         break;

@@ -1,0 +1,149 @@
+#pragma once
+
+#include "push/msg_client.h"
+
+#include <QByteArray>
+#include <QObject>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+#include <ctime>
+
+class ClientTcpSocket;
+class QTimer;
+struct CLogoutInfor;
+struct CUserInfor;
+
+// Hardware address of the first interface that is up, running and not the loopback; empty when
+// there is none. With `bremovecolon` the colons are dropped (twelve hexadecimal digits).
+QString getMacAddress(bool bremovecolon);
+
+// Intervals of the push connection in milliseconds. The defaults are the daemon's values; tests
+// pass smaller ones to MsgClient's constructor.
+struct MsgClientTimes
+{
+    int stepMs = 1000;             // from one process step to the next
+    int heartbeatMs = 60000;       // heartbeat period
+    int heartbeatAnswerMs = 50000; // watchdog started after each heartbeat
+    int answerMs = 600000;         // watchdog started after the login and the query
+    int netErrorMs = 10000;        // repeat of the status check while it fails
+    int socketWaitMs = 30000;      // blocking connect, write and disconnect waits
+    int backoffSecondMs = 1000;    // length of one second of the reconnection back-off
+};
+
+// The daemon's one TCP connection to the push server. It walks a numbered process
+// (0 connect, 1 log in, 2 query the latest messages, 3 start the heartbeat, 4 running), one
+// step per single-shot timer, reads one frame per readyRead, dispatches messages into the
+// DataCenter, and on any failure emits checkstatus(true): the login-status check then either
+// stores a logout or reconnects after a back-off.
+//
+// Thread: everything (socket, timers, HTTP requests in nested event loops) runs on the thread
+// that created the object, the client thread in the daemon. All connections are direct.
+class MsgClient : public QObject
+{
+    Q_OBJECT
+public:
+    struct OneMessage
+    {
+        int type = 0;
+        QString face;
+        int mark = -1;
+        qint64 expire = -1;
+    };
+
+    // Source of the back-off's "now" in whole seconds since the epoch; tests replace it.
+    using Clock = qint64 (*)();
+
+    explicit MsgClient(QObject* parent = nullptr, const MsgClientTimes& times = MsgClientTimes());
+    ~MsgClient() override;
+
+    // Service addresses; by default those compiled into the daemon (serviceurls.h).
+    void setServiceUrls(const QString& pushAddressUrl, const QString& ssoStatusUrl);
+    static void setBackoffClock(Clock clock);
+
+    // Read-only views of the connection state (for diagnostics and tests).
+    int process() const { return m_process; }
+    unsigned int sequence() const { return m_sequence; }
+    unsigned int responseSeq() const { return m_responseSeq; }
+    // Wait of the last reconnection scheduled by the status check, in milliseconds (0: none).
+    int lastReconnectWaitMs() const { return m_lastReconnectWaitMs; }
+
+    // Process steps.
+    int connect2Server();
+    int login();
+    int GetMaxId();
+    int StartHeartTimer();
+    void nextProcess();
+    void startRunTimer();
+
+    int writeCmd(QByteArray frame);
+    int nread(char* buffer, int length);
+    int readHead(tagTRANSPORT_PKG_HEAD_RSP& head);
+    int readData(int length, QByteArray& out);
+    int readFromServer(QByteArray& out);
+    int SendHeart();
+
+    // Timers; the intervals are in milliseconds.
+    void startCheckTime(int msec);
+    void stopCheckTime();
+    void startNetCheckTime();
+    void stopNetCheckTime();
+    void CloseSocket();
+
+    quint64 GetSessionId();
+    int GetClientType() { return 7; }
+
+    // Push-server address lookup.
+    int GetServerAddressList(QStringList& list);
+    int ParseServerAddressResponse(QByteArray data, QStringList& list);
+    int GetServerAddress(QString& ip, int& port);
+
+    // Messages.
+    bool ParseMessage(QByteArray const& message, QVector<MsgClient::OneMessage>& out);
+    void HandlerMessage(QByteArray message);
+    bool HandleMaxIdMessage(int type, QByteArray message);
+    int HandleMessageFormServer(int type, QByteArray message);
+    int SendQuery(QString id);
+
+    // Login status and user information.
+    bool ParseCheckStatusResponse(QByteArray data, CLogoutInfor& out);
+    int ParseUserInfor(QByteArray data, CUserInfor& out);
+
+signals:
+    void checkstatus(bool);
+    void checkuserinfo();
+    void handleMsg(QByteArray);
+    void socketerror();
+
+public slots:
+    void onRun();
+    void onReadyRead();
+    void ondisconnected();
+    void onsocketerror();
+    void onSendHeartTimer();
+    void onCheckTimer();
+    void onNetError();
+    void onhandleMsg(QByteArray message);
+    void oncheckstatus(bool bneedconnect);
+    void oncheckUserInfor();
+
+private:
+    // readHead that also hands back the 16 head bytes as received.
+    int readHead(tagTRANSPORT_PKG_HEAD_RSP& head, QByteArray& headString);
+    // Schedules onsocketerror() after the process-wide back-off.
+    void scheduleReconnect();
+    std::string scopeName(const char* function) const;
+
+    unsigned int m_sequence = 0;
+    unsigned int m_responseSeq = 0;
+    time_t m_lastQueryTime = 0;
+    ClientTcpSocket* m_socket = nullptr;
+    QTimer* m_checkTimer = nullptr;
+    QTimer* m_netCheckTimer = nullptr;
+    int m_process = 0;
+
+    MsgClientTimes m_times;
+    QString m_pushAddressUrl;
+    QString m_ssoStatusUrl;
+    int m_lastReconnectWaitMs = 0;
+};

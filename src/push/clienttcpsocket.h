@@ -1,0 +1,34 @@
+#pragma once
+
+#include <QTcpSocket>
+
+class QTimer;
+
+// The push connection's socket. Besides the TCP stream it carries the heartbeat timer: a
+// repeating QTimer, created on the socket's thread (the client thread), whose ticks come out
+// as the signal timer().
+class ClientTcpSocket : public QTcpSocket
+{
+    Q_OBJECT
+public:
+    explicit ClientTcpSocket(QObject* parent = nullptr);
+    ~ClientTcpSocket() override;
+
+    // Starts (or restarts) the repeating timer with an interval of `seconds` seconds.
+    void startTime(int seconds);
+    // The same with the interval in milliseconds.
+    void startTimeMs(int msec);
+    void stopTime();
+
+    // Stops the timer, then disconnects as QTcpSocket does.
+    void disconnectFromHost() override;
+
+signals:
+    void timer();
+
+private slots:
+    void OnTimer();
+
+private:
+    QTimer* m_timer = nullptr;
+};

@@ -1,0 +1,288 @@
+#include "requesthttps.h"
+
+#include "core/datacenter.h"
+#include "core/log.h"
+#include "networkcookie.h"
+
+#include <QDebug>
+#include <QHttpMultiPart>
+#include <QNetworkAccessManager>
+#include <QNetworkRequest>
+#include <QSslConfiguration>
+#include <QSslSocket>
+#include <QVariant>
+
+namespace {
+const char* const kContentType = "Content-Type";
+const char* const kFormContentType = "application/x-www-form-urlencoded;charset=UTF-8";
+// Session cookies that are folded back into the login record.
+const char* const kKeptCookies[] = {"USERSESSIONID", "PHPSESSID", "acw_tc"};
+} // namespace
+
+bool isUrlProtocol(const QUrl& url, const QString& scheme)
+{
+    return url.scheme().compare(scheme, Qt::CaseInsensitive) == 0;
+}
+
+CRequestHttps::CRequestHttps()
+    : m_manager(new QNetworkAccessManager), m_request(new QNetworkRequest), m_abort(false)
+{
+}
+
+CRequestHttps::~CRequestHttps()
+{
+    // The manager deletes the jar it owns.
+    delete m_manager;
+    delete m_request;
+}
+
+int CRequestHttps::SendRequest(QString url, int method, QMap<QString, QString> headers,
+                               QByteArray body, QByteArray& reply)
+{
+    const bool useTls = ConfigUrl(url);
+    headers["User-Agent"] = DataCenter::getInstance()->GetUserAgent();
+    if (method == 1 && !headers.contains(kContentType))
+        headers[kContentType] = kFormContentType;
+    setCookie(headers);
+    m_request->setUrl(QUrl(url));
+    // Deprecated in favour of RedirectPolicyAttribute, but it is the switch this client uses.
+    QT_WARNING_PUSH
+    QT_WARNING_DISABLE_DEPRECATED
+    m_request->setAttribute(QNetworkRequest::FollowRedirectsAttribute, true);
+    QT_WARNING_POP
+    if (useTls)
+        config();
+
+    // A fresh, empty jar per call; the manager takes it over and frees the previous one.
+    m_cookies.clear();
+    m_jar = new NetworkCookie;
+    m_manager->setCookieJar(m_jar);
+
+    QNetworkReply* networkReply = nullptr;
+    switch (method) {
+    case 0:
+        networkReply = m_manager->get(*m_request);
+        break;
+    case 1:
+        networkReply = m_manager->post(*m_request, body);
+        break;
+    case 3:
+        networkReply = m_manager->head(*m_request);
+        break;
+    case 4:
+        networkReply = m_manager->deleteResource(*m_request);
+        break;
+    default:
+        break;
+    }
+    if (!networkReply) {
+        // No request exists for this code; waiting would never end.
+        reply = QByteArray("unsupported request method");
+        return -1;
+    }
+
+    waitForReply(networkReply);
+    if (m_abort)
+        return 1;
+
+    m_cookies = m_jar->getCookies();
+    if (networkReply->hasRawHeader("set-cookie")) {
+        const QByteArray setCookieValue = networkReply->rawHeader("set-cookie");
+        qDebug() << "cookies is " << setCookieValue;
+        SetCookieBasedRelyHeader(QString::fromUtf8(setCookieValue.constData()));
+    }
+    m_eTag = networkReply->header(QNetworkRequest::ETagHeader).toString();
+    return ReplyFinishHttpsRequest(networkReply, reply);
+}
+
+int CRequestHttps::SendRequest(QString url, int method, QMap<QString, QString> headers,
+                               QByteArray body, QByteArray& reply,
+                               QMap<QString, QString>* formParts)
+{
+    const bool useTls = ConfigUrl(url);
+    headers["User-Agent"] = DataCenter::getInstance()->GetUserAgent();
+    setCookie(headers);
+    m_request->setUrl(QUrl(url));
+    if (useTls)
+        config();
+
+    QNetworkReply* networkReply = nullptr;
+    if (method == 0) {
+        networkReply = m_manager->get(*m_request);
+    } else if (method == 1) {
+        if (formParts) {
+            auto* multiPart = new QHttpMultiPart(QHttpMultiPart::FormDataType);
+            for (auto it = formParts->constBegin(); it != formParts->constEnd(); ++it) {
+                QHttpPart part;
+                part.setHeader(QNetworkRequest::ContentDispositionHeader,
+                               QString("form-data; name=\"%1\"").arg(it.key()));
+                part.setBody(it.value().toLatin1());
+                multiPart->append(part);
+            }
+            networkReply = m_manager->post(*m_request, multiPart);
+            // The form must live as long as the upload; it goes with the reply.
+            multiPart->setParent(networkReply);
+        } else {
+            networkReply = m_manager->post(*m_request, body);
+        }
+    }
+    if (!networkReply) {
+        reply = QByteArray("unsupported request method");
+        return -1;
+    }
+
+    waitForReply(networkReply);
+    return ReplyFinishHttpsRequest(networkReply, reply);
+}
+
+void CRequestHttps::waitForReply(QNetworkReply* reply)
+{
+    // The string syntax is the one form of the error signal that connects without a warning.
+    connect(reply, SIGNAL(finished()), &m_loop, SLOT(quit()));
+    connect(reply, SIGNAL(error(QNetworkReply::NetworkError)), &m_loop, SLOT(quit()));
+    // A reply that errors first and finishes right after quits the loop twice; that is harmless.
+    // exec() returns at once if the loop was told to quit before it ran, so check first.
+    if (!reply->isFinished())
+        m_loop.exec();
+    // Cut the reply off from the loop: if it finishes later (after its error), that late signal
+    // must not end the wait of the next request made with this object.
+    disconnect(reply, nullptr, &m_loop, nullptr);
+}
+
+void CRequestHttps::Abort()
+{
+    m_abort = true;
+    m_loop.quit();
+}
+
+bool CRequestHttps::ConfigUrl(QString& url)
+{
+    QUrl qurl(url);
+    if (!qurl.isValid())
+        return false;
+
+    DataCenter* data = DataCenter::getInstance();
+    if (data->isRcEnvironment()) {
+        QString host = qurl.host(QUrl::FullyDecoded);
+        const int at = host.indexOf(".627.");
+        if (at >= 0) {
+            host.replace(at, 5, ".627rc.");
+            qurl.setHost(host, QUrl::DecodedMode);
+        }
+    } else if (data->isHttpsRequest() && isUrlProtocol(qurl, "http")) {
+        qurl.setScheme("https");
+    }
+    url = qurl.toString();
+    return isUrlProtocol(qurl, "https");
+}
+
+int CRequestHttps::ReplyFinishHttpsRequest(QNetworkReply* reply, QByteArray& out)
+{
+    int result = -1;
+    const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+    if (status.isValid()) {
+        out = reply->readAll();
+        result = status.toInt() == 200 ? 0 : -1;
+    } else {
+        qDebug() << status.toInt();
+        qDebug() << "url is " << reply->url();
+        qDebug() << "error is " << reply->error();
+        qDebug() << "errors" << reply->errorString();
+        out = reply->errorString().toLatin1();
+    }
+    reply->deleteLater();
+    return result;
+}
+
+void CRequestHttps::config()
+{
+    QSslConfiguration sslConfig = m_request->sslConfiguration();
+    sslConfig.setPeerVerifyMode(QSslSocket::VerifyNone);
+    sslConfig.setProtocol(QSsl::TlsV1SslV3);
+    m_request->setSslConfiguration(sslConfig);
+}
+
+void CRequestHttps::setCookie(QMap<QString, QString> headers)
+{
+    for (auto it = headers.constBegin(); it != headers.constEnd(); ++it)
+        m_request->setRawHeader(it.key().toLatin1(), it.value().toLatin1());
+}
+
+bool CRequestHttps::SetCookieValue(QStringList& cookies, QString cookie)
+{
+    const QStringList nameValue = cookie.split("=", Qt::KeepEmptyParts);
+    if (nameValue.size() != 2)
+        return false;
+
+    for (int i = 0; i < cookies.size(); ++i) {
+        // Prefix test on the name alone, case-sensitive: the first entry that starts with it
+        // is the one to update.
+        if (!cookies.at(i).startsWith(nameValue.at(0)))
+            continue;
+        const QStringList entry = cookies.at(i).split("=", Qt::KeepEmptyParts);
+        if (entry.size() != 2)
+            return false;
+        if (entry.at(1) == nameValue.at(1))
+            return false;
+        cookies[i] = cookie;
+        return true;
+    }
+    cookies.append(cookie);
+    return true;
+}
+
+void CRequestHttps::SetCookieBasedRelyHeader(QString setCookieHeader)
+{
+    if (setCookieHeader.isEmpty())
+        return;
+    const QStringList parts = setCookieHeader.split(";", Qt::KeepEmptyParts);
+
+    CLoginInfor info;
+    DataCenter::getInstance()->GetLoginInfor(info);
+    QStringList cookies;
+    if (!info.cookies.isEmpty())
+        cookies = info.cookies.value("cookie").split(";", Qt::KeepEmptyParts);
+
+    // Only the result for the last kept cookie decides whether the record is saved.
+    bool changed = false;
+    for (const QString& part : parts) {
+        for (const char* name : kKeptCookies) {
+            if (part.startsWith(QLatin1String(name))) {
+                changed = SetCookieValue(cookies, part);
+                break;
+            }
+        }
+    }
+    if (!changed)
+        return;
+
+    QString cookieText;
+    for (const QString& entry : qAsConst(cookies)) {
+        if (!entry.isEmpty())
+            cookieText += entry + ";"; // cppcheck-suppress useStlAlgorithm
+    }
+    LogManager::getInstance()->Msg(0, "cookie changed and cookie is %s",
+                                   cookieText.toUtf8().constData());
+    info.cookies["cookie"] = cookieText;
+    DataCenter::getInstance()->SetLoginInfor(info);
+}
+
+QList<QNetworkCookie> CRequestHttps::getCookies()
+{
+    return m_cookies;
+}
+
+QString CRequestHttps::GetETag()
+{
+    return m_eTag;
+}
+
+int CRequestHttps::httpError(QNetworkReply::NetworkError)
+{
+    return -1;
+}
+
+int CRequestHttps::httpsError(QNetworkReply::NetworkError)
+{
+    return -1;
+}
