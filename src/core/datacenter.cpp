@@ -118,8 +118,7 @@ bool DataCenter::IsMainAppExist()
 void DataCenter::SetNetError(bool error)
 {
     Sync lock(&m_mutex);
-    if (m_netError != error)
-        m_netError = error;
+    m_netError = error;
 }
 
 bool DataCenter::isNetError()

@@ -14,6 +14,7 @@
 #include <QJsonValue>
 #include <QNetworkInterface>
 #include <QRandomGenerator>
+#include <QScopedValueRollback>
 #include <QTimer>
 #include <QVariant>
 #include <cerrno>
@@ -183,6 +184,12 @@ void MsgClient::onRun()
 int MsgClient::connect2Server()
 {
     Infor tracer(0, scopeName("connect2Server"));
+    // The address lookup waits in a nested event loop, where another scheduled step 0 can run.
+    // Connecting from there as well would leave the first socket connected to this object and
+    // advance the process twice, so the inner call leaves the step to the outer one.
+    if (m_connecting)
+        return 0;
+    const QScopedValueRollback<bool> connecting(m_connecting, true);
     stopCheckTime();
     stopNetCheckTime();
     CloseSocket();
@@ -237,7 +244,7 @@ int MsgClient::login()
         logger()->Msg(4, "client login write cmd(%s) failed!", frame.constData());
     logger()->Msg(1, "LoginIMServer first_req_encode out is %s", frame.constData());
     m_sequence += 1;
-    startCheckTime(m_times.answerMs);
+    startCheckTimeMs(m_times.answerMs);
     return 0;
 }
 
@@ -246,7 +253,7 @@ int MsgClient::GetMaxId()
     Infor tracer(0, scopeName("GetMaxId"));
     logger()->Msg(1, "3.1: get max_id.");
     SendQuery("0");
-    startCheckTime(m_times.answerMs);
+    startCheckTimeMs(m_times.answerMs);
     return 0;
 }
 
@@ -350,7 +357,10 @@ int MsgClient::readData(int length, QByteArray& out)
 {
     if (length < 1)
         return -1;
-    QByteArray buffer(length + 1, '\0');
+    // The length comes from the peer. nread turns down more than the socket holds, so the
+    // buffer is sized by what is available: a corrupt head length must not be allocated first.
+    const qint64 available = m_socket ? m_socket->bytesAvailable() : 0;
+    QByteArray buffer(static_cast<int>(qMin<qint64>(length, available)) + 1, '\0');
     const int ret = nread(buffer.data(), length);
     if (ret == 0)
         out = buffer.left(length);
@@ -480,12 +490,17 @@ void MsgClient::onSendHeartTimer()
 {
     Infor tracer(0, scopeName("onSendHeartTimer"));
     if (SendHeart() == 0)
-        startCheckTime(m_times.heartbeatAnswerMs);
+        startCheckTimeMs(m_times.heartbeatAnswerMs);
     else
         emit checkstatus(true);
 }
 
-void MsgClient::startCheckTime(int msec)
+void MsgClient::startCheckTime(int seconds)
+{
+    startCheckTimeMs(seconds * 1000);
+}
+
+void MsgClient::startCheckTimeMs(int msec)
 {
     stopCheckTime();
     m_checkTimer = new QTimer;

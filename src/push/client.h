@@ -83,8 +83,10 @@ public:
     int readFromServer(QByteArray& out);
     int SendHeart();
 
-    // Timers; the intervals are in milliseconds.
-    void startCheckTime(int msec);
+    // Timers. The answer watchdog takes seconds, or milliseconds through the Ms variant (which
+    // the process uses, so that MsgClientTimes applies).
+    void startCheckTime(int seconds);
+    void startCheckTimeMs(int msec);
     void stopCheckTime();
     void startNetCheckTime();
     void stopNetCheckTime();
@@ -146,4 +148,5 @@ private:
     QString m_pushAddressUrl;
     QString m_ssoStatusUrl;
     int m_lastReconnectWaitMs = 0;
+    bool m_connecting = false; // connect2Server() is running (possibly in a nested event loop)
 };

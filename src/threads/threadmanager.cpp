@@ -7,6 +7,8 @@
 #include "mainappdetectthread.h"
 #include "networkdetectthread.h"
 
+#include <algorithm>
+
 ThreadManager* ThreadManager::m_this = nullptr;
 
 ThreadManager* ThreadManager::GetInstance()
@@ -29,11 +31,9 @@ void ThreadManager::Init()
 
 bool ThreadManager::Exist(int type, const QVariant& data)
 {
-    for (CBaseThread* thread : qAsConst(m_threads)) {
-        if (thread->GetType() == type && thread->GetData() == data && thread->GetValid())
-            return true;
-    }
-    return false;
+    return std::any_of(m_threads.cbegin(), m_threads.cend(), [&](CBaseThread* thread) {
+        return thread->GetType() == type && thread->GetData() == data && thread->GetValid();
+    });
 }
 
 CBaseThread* ThreadManager::CreateThread(int type, const QVariant& data)
@@ -68,11 +68,9 @@ CBaseThread* ThreadManager::CreateThread(int type, const QVariant& data)
 bool ThreadManager::IsExist(int typeMask)
 {
     Sync lock(&m_mutex);
-    for (CBaseThread* thread : qAsConst(m_threads)) {
-        if ((thread->GetType() & typeMask) != 0 && !thread->isFinished())
-            return true;
-    }
-    return false;
+    return std::any_of(m_threads.cbegin(), m_threads.cend(), [typeMask](CBaseThread* thread) {
+        return (thread->GetType() & typeMask) != 0 && !thread->isFinished();
+    });
 }
 
 bool ThreadManager::IsInvalidThreadExist(int type, const QVariant& data, int waited, int limit)

@@ -141,7 +141,8 @@ void CRequestHttps::waitForReply(QNetworkReply* reply)
     connect(reply, SIGNAL(finished()), &m_loop, SLOT(quit()));
     connect(reply, SIGNAL(error(QNetworkReply::NetworkError)), &m_loop, SLOT(quit()));
     // A reply that errors first and finishes right after quits the loop twice; that is harmless.
-    // exec() returns at once if the loop was told to quit before it ran, so check first.
+    // exec() forgets a quit() that came before it, so a reply that is already finished must not
+    // be waited for.
     if (!reply->isFinished())
         m_loop.exec();
     // Cut the reply off from the loop: if it finishes later (after its error), that late signal

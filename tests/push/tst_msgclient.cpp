@@ -114,7 +114,9 @@ private slots:
     void addressServiceRetriedOnce();
     void connectFailures_data();
     void connectFailures();
+    void restartDuringAddressLookup();
     void droppedConnectionReconnects();
+    void partialFrameChecksStatus_data();
     void partialFrameChecksStatus();
     void unansweredHeartbeatChecksStatus();
     void unansweredLoginFiresWatchdog();
@@ -566,6 +568,27 @@ void TestMsgClient::connectFailures()
     QCOMPARE(client->process(), 0);
 }
 
+void TestMsgClient::restartDuringAddressLookup()
+{
+    // A second step 0 comes due while the first waits for the address service.
+    m_http->route(kAddressPath, [this](const HttpStubRequest&) {
+        HttpStubResponse slow = HttpStubResponse::json(m_addressBody);
+        slow.delayMs = 200;
+        return slow;
+    });
+    std::unique_ptr<MsgClient> client = makeClient(fastTimes());
+    QSignalSpy status(client.get(), SIGNAL(checkstatus(bool)));
+    client->onsocketerror();
+
+    QTRY_COMPARE_WITH_TIMEOUT(client->process(), 4, 5000);
+    QTest::qWait(100);
+    QCOMPARE(m_push->acceptedCount(), 1);
+    QCOMPARE(m_push->openConnections(), 1);
+    QCOMPARE(framesWhere(&PushFrame::isLogin).size(), 1);
+    QCOMPARE(framesWhere(&PushFrame::isQuery).size(), 1);
+    QCOMPARE(status.count(), 0);
+}
+
 void TestMsgClient::droppedConnectionReconnects()
 {
     std::unique_ptr<MsgClient> client = runningClient();
@@ -590,18 +613,36 @@ void TestMsgClient::droppedConnectionReconnects()
     QCOMPARE(client->sequence(), 2u);
 }
 
+void TestMsgClient::partialFrameChecksStatus_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<QString>("logLine");
+
+    const QByteArray frame = pushwire::responseFrame(7, "{\"code\":0}", false);
+    QTest::newRow("part of the head") << frame.left(10) << "read head failed!";
+    // A head that announces almost 2 GiB: refused for want of bytes, never allocated.
+    QByteArray huge = frame.left(16);
+    const quint32 length = 0x7FFFFFF0;
+    for (int i = 0; i < 4; ++i)
+        huge[12 + i] = static_cast<char>((length >> (8 * i)) & 0xFF);
+    QTest::newRow("huge body length")
+        << huge + QByteArray(16, 'x') << "nread failed! len is 2147483632, available bytes is 16";
+}
+
 void TestMsgClient::partialFrameChecksStatus()
 {
+    QFETCH(QByteArray, bytes);
+    QFETCH(QString, logLine);
+
     std::unique_ptr<MsgClient> client = runningClient();
     QCOMPARE(client->process(), 4);
     m_ssoResponse = HttpStubResponse::json(kSsoKicked);
     QSignalSpy status(client.get(), SIGNAL(checkstatus(bool)));
 
-    const QByteArray frame = pushwire::responseFrame(7, "{\"code\":0}", false);
-    QVERIFY(frame.size() > 10);
-    m_push->sendRaw(frame.left(10));
+    m_push->sendRaw(bytes);
     QTRY_VERIFY(logoutRecord().isLogout);
-    QVERIFY(m_log.contains("read head failed!"));
+    QVERIFY2(m_log.contains(logLine), qPrintable(m_log.since()));
+    QVERIFY(m_log.contains("read false! read head or data failed!"));
     QVERIFY(m_log.contains(
         "read from server result is -1, so check connect status! current process is 4"));
     QCOMPARE(status.at(0).at(0).toBool(), true);
