@@ -56,10 +56,10 @@ EC627_API int ec627_msg_decode(unsigned int type, const unsigned char* token, in
 
 // Result codes of the stand-in (ec627_encode_token uses 1 / 0 instead, see README.md).
 #define EC627_OK 0
-#define EC627_ERR_ARGUMENT -1
-#define EC627_ERR_CAPACITY -2
-#define EC627_ERR_AUTH -3
-#define EC627_ERR_SODIUM -4
+#define EC627_ERR_ARGUMENT (-1)
+#define EC627_ERR_CAPACITY (-2)
+#define EC627_ERR_AUTH (-3)
+#define EC627_ERR_SODIUM (-4)
 
 #ifdef __cplusplus
 }

@@ -4,7 +4,6 @@
 
 #include <QMutex>
 #include <QString>
-
 #include <atomic>
 
 // Process-wide shared state. The main thread fills it from the main application's messages

@@ -6,7 +6,6 @@
 #include <QDebug>
 #include <QDir>
 #include <QStandardPaths>
-
 #include <cstdarg>
 #include <cstdio>
 #include <pthread.h>
@@ -75,27 +74,22 @@ void LogManager::Msg(int level, const char* format, ...)
 {
     if (!isEnabled(level))
         return;
+    char body[kBodySize] = {};
     va_list args;
     va_start(args, format);
-    vMsg(level, format, args);
+    vsnprintf(body, sizeof body, format, args);
     va_end(args);
+    write(body);
 }
 
-void LogManager::vMsg(int level, const char* format, va_list args)
+void LogManager::write(const char* body)
 {
-    if (!isEnabled(level))
-        return;
-
     char prefix[kPrefixSize] = {};
-    snprintf(prefix, sizeof prefix, "[%05llu]%s",
-             static_cast<unsigned long long>(pthread_self()),
+    snprintf(prefix, sizeof prefix, "[%05llu]%s", static_cast<unsigned long long>(pthread_self()),
              QDateTime::currentDateTime()
                  .toString("yyyy-MM-dd hh:mm:ss.zzz  ")
                  .toLocal8Bit()
                  .constData());
-    char body[kBodySize] = {};
-    vsnprintf(body, sizeof body, format, args);
-
     const QString line = QString::fromLocal8Bit(prefix) + QString::fromLocal8Bit(body);
     qDebug().noquote() << line;
 

@@ -4,7 +4,6 @@
 #include <QMutex>
 #include <QString>
 #include <QTextStream>
-
 #include <cstdarg>
 #include <ctime>
 #include <string>
@@ -26,7 +25,6 @@ public:
 
     // printf-style; pass arbitrary text as Msg(level, "%s", text).
     void Msg(int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
-    void vMsg(int level, const char* format, va_list args);
 
     static bool isEnabled(int level);
 
@@ -36,6 +34,9 @@ public:
 
 private:
     LogManager();
+    // Adds the thread and time prefix, echoes the line to the debug output and appends it to
+    // the file, recycling the file once it is older than an hour.
+    void write(const char* body);
 
     static LogManager* m_this;
 

@@ -54,7 +54,7 @@ void Adapter::onDisconnected()
     ThreadManager::GetInstance()->CreateThread(kMainAppDetectThread, QVariant(kMainAppDetectTag));
 }
 
-void Adapter::onReadyRead(QByteArray data)
+void Adapter::onReadyRead(const QByteArray& data)
 {
     Infor tracer(0, "Adapter_onReadyRead");
     LogManager::getInstance()->Msg(1, "read from 627 data is %s", data.constData());
@@ -130,7 +130,8 @@ bool Adapter::IsNeedSendNetError()
     if (netError == m_lastNetError)
         return false;
     // The words are the reverse of the state; the main application's logs expect them so.
-    LogManager::getInstance()->Msg(1, "net is changed! net is %s", netError ? "normal" : "abnormal");
+    LogManager::getInstance()->Msg(1, "net is changed! net is %s",
+                                   netError ? "normal" : "abnormal");
     m_lastNetError = netError;
     return true;
 }

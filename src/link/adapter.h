@@ -27,7 +27,7 @@ public:
 public slots:
     void onConnected();
     void onDisconnected();
-    void onReadyRead(QByteArray data);
+    void onReadyRead(const QByteArray& data);
 
 protected:
     void timerEvent(QTimerEvent* event) override;

@@ -289,7 +289,7 @@ quint64 MsgClient::GetSessionId()
 // ---------------------------------------------------------------------------------------------
 // Socket I/O
 
-int MsgClient::writeCmd(QByteArray frame)
+int MsgClient::writeCmd(const QByteArray& frame)
 {
     if (!m_socket || m_socket->write(frame) != frame.size()) {
         logger()->Msg(4, "write to server failed!");
@@ -565,7 +565,7 @@ int MsgClient::GetServerAddressList(QStringList& list)
     return 0;
 }
 
-int MsgClient::ParseServerAddressResponse(QByteArray data, QStringList& list)
+int MsgClient::ParseServerAddressResponse(const QByteArray& data, QStringList& list)
 {
     QJsonParseError error;
     const QJsonDocument document = QJsonDocument::fromJson(data, &error);
@@ -611,7 +611,7 @@ int MsgClient::GetServerAddress(QString& ip, int& port)
 // ---------------------------------------------------------------------------------------------
 // Messages
 
-int MsgClient::SendQuery(QString id)
+int MsgClient::SendQuery(const QString& id)
 {
     const QString text = QString("{\"id\":\"%1\", \"type\":627, \"max\":\"100\"}").arg(id);
     logger()->Msg(3, "SendQuery id is %s, send squence id is %lu", id.toUtf8().constData(),
@@ -663,7 +663,7 @@ bool MsgClient::ParseMessage(QByteArray const& message, QVector<MsgClient::OneMe
     return true;
 }
 
-void MsgClient::onhandleMsg(QByteArray message)
+void MsgClient::onhandleMsg(const QByteArray& message)
 {
     logger()->Msg(1, "handle msg ,and message is %s", message.constData());
     QVector<OneMessage> messages;
@@ -687,20 +687,20 @@ void MsgClient::onhandleMsg(QByteArray message)
     }
 }
 
-void MsgClient::HandlerMessage(QByteArray message)
+void MsgClient::HandlerMessage(const QByteArray& message)
 {
     logger()->Msg(1, "MsgClient::HandlerMessage msg is %s", message.constData());
     onhandleMsg(message);
 }
 
-bool MsgClient::HandleMaxIdMessage(int, QByteArray message)
+bool MsgClient::HandleMaxIdMessage(int, const QByteArray& message)
 {
     HandlerMessage(message);
     nextProcess();
     return true;
 }
 
-int MsgClient::HandleMessageFormServer(int type, QByteArray message)
+int MsgClient::HandleMessageFormServer(int type, const QByteArray& message)
 {
     Infor tracer(0, scopeName("HandleMessageFormServer"));
     logger()->Msg(1, "MsgClient::HandleMessageFormServer type is %d, message is %s", type,
@@ -796,7 +796,7 @@ void MsgClient::scheduleReconnect()
     QTimer::singleShot(m_lastReconnectWaitMs, this, SLOT(onsocketerror()));
 }
 
-bool MsgClient::ParseCheckStatusResponse(QByteArray data, CLogoutInfor& out)
+bool MsgClient::ParseCheckStatusResponse(const QByteArray& data, CLogoutInfor& out)
 {
     QJsonParseError error;
     const QJsonDocument document = QJsonDocument::fromJson(data, &error);
@@ -823,7 +823,7 @@ void MsgClient::oncheckUserInfor()
     DataCenter::getInstance()->SetVipInfor(100, 100);
 }
 
-int MsgClient::ParseUserInfor(QByteArray data, CUserInfor& out)
+int MsgClient::ParseUserInfor(const QByteArray& data, CUserInfor& out)
 {
     QJsonParseError error;
     const QJsonDocument document = QJsonDocument::fromJson(data, &error);

@@ -76,7 +76,7 @@ public:
     void nextProcess();
     void startRunTimer();
 
-    int writeCmd(QByteArray frame);
+    int writeCmd(const QByteArray& frame);
     int nread(char* buffer, int length);
     int readHead(tagTRANSPORT_PKG_HEAD_RSP& head);
     int readData(int length, QByteArray& out);
@@ -97,19 +97,19 @@ public:
 
     // Push-server address lookup.
     int GetServerAddressList(QStringList& list);
-    int ParseServerAddressResponse(QByteArray data, QStringList& list);
+    int ParseServerAddressResponse(const QByteArray& data, QStringList& list);
     int GetServerAddress(QString& ip, int& port);
 
     // Messages.
     bool ParseMessage(QByteArray const& message, QVector<MsgClient::OneMessage>& out);
-    void HandlerMessage(QByteArray message);
-    bool HandleMaxIdMessage(int type, QByteArray message);
-    int HandleMessageFormServer(int type, QByteArray message);
-    int SendQuery(QString id);
+    void HandlerMessage(const QByteArray& message);
+    bool HandleMaxIdMessage(int type, const QByteArray& message);
+    int HandleMessageFormServer(int type, const QByteArray& message);
+    int SendQuery(const QString& id);
 
     // Login status and user information.
-    bool ParseCheckStatusResponse(QByteArray data, CLogoutInfor& out);
-    int ParseUserInfor(QByteArray data, CUserInfor& out);
+    bool ParseCheckStatusResponse(const QByteArray& data, CLogoutInfor& out);
+    int ParseUserInfor(const QByteArray& data, CUserInfor& out);
 
 signals:
     void checkstatus(bool);
@@ -125,7 +125,7 @@ public slots:
     void onSendHeartTimer();
     void onCheckTimer();
     void onNetError();
-    void onhandleMsg(QByteArray message);
+    void onhandleMsg(const QByteArray& message);
     void oncheckstatus(bool bneedconnect);
     void oncheckUserInfor();
 

@@ -71,8 +71,7 @@ int CBaseThread::GetType()
 void CBaseThread::run()
 {
     SetThreadId();
-    LogManager::getInstance()->Msg(3, "[thread]name:%s tId:%llu",
-                                   metaObject()->className(),
+    LogManager::getInstance()->Msg(3, "[thread]name:%s tId:%llu", metaObject()->className(),
                                    static_cast<unsigned long long>(GetThreadId()));
 }
 

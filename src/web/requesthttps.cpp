@@ -37,7 +37,7 @@ CRequestHttps::~CRequestHttps()
 }
 
 int CRequestHttps::SendRequest(QString url, int method, QMap<QString, QString> headers,
-                               QByteArray body, QByteArray& reply)
+                               const QByteArray& body, QByteArray& reply)
 {
     const bool useTls = ConfigUrl(url);
     headers["User-Agent"] = DataCenter::getInstance()->GetUserAgent();
@@ -96,7 +96,7 @@ int CRequestHttps::SendRequest(QString url, int method, QMap<QString, QString> h
 }
 
 int CRequestHttps::SendRequest(QString url, int method, QMap<QString, QString> headers,
-                               QByteArray body, QByteArray& reply,
+                               const QByteArray& body, QByteArray& reply,
                                QMap<QString, QString>* formParts)
 {
     const bool useTls = ConfigUrl(url);
@@ -203,13 +203,13 @@ void CRequestHttps::config()
     m_request->setSslConfiguration(sslConfig);
 }
 
-void CRequestHttps::setCookie(QMap<QString, QString> headers)
+void CRequestHttps::setCookie(const QMap<QString, QString>& headers)
 {
     for (auto it = headers.constBegin(); it != headers.constEnd(); ++it)
         m_request->setRawHeader(it.key().toLatin1(), it.value().toLatin1());
 }
 
-bool CRequestHttps::SetCookieValue(QStringList& cookies, QString cookie)
+bool CRequestHttps::SetCookieValue(QStringList& cookies, const QString& cookie)
 {
     const QStringList nameValue = cookie.split("=", Qt::KeepEmptyParts);
     if (nameValue.size() != 2)
@@ -232,7 +232,7 @@ bool CRequestHttps::SetCookieValue(QStringList& cookies, QString cookie)
     return true;
 }
 
-void CRequestHttps::SetCookieBasedRelyHeader(QString setCookieHeader)
+void CRequestHttps::SetCookieBasedRelyHeader(const QString& setCookieHeader)
 {
     if (setCookieHeader.isEmpty())
         return;

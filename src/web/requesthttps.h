@@ -37,11 +37,11 @@ public:
 
     // Returns 0 for HTTP status 200, -1 for anything else, 1 when the wait was abandoned through
     // m_abort. `reply` gets the body, or the error text when no HTTP answer came.
-    int SendRequest(QString url, int method, QMap<QString, QString> headers, QByteArray body,
+    int SendRequest(QString url, int method, QMap<QString, QString> headers, const QByteArray& body,
                     QByteArray& reply);
     // Form-capable variant: with method 1 and a non-null `formParts` it posts a multipart form.
     // Adds no Content-Type, installs no cookie jar and never returns 1.
-    int SendRequest(QString url, int method, QMap<QString, QString> headers, QByteArray body,
+    int SendRequest(QString url, int method, QMap<QString, QString> headers, const QByteArray& body,
                     QByteArray& reply, QMap<QString, QString>* formParts);
 
     // Rewrites the URL for the rc environment (".627." -> ".627rc." in the host) or, outside it,
@@ -52,10 +52,10 @@ public:
     // TLS settings: no certificate verification, TLS 1.0 or later.
     void config();
     // Sets every entry as a raw request header.
-    void setCookie(QMap<QString, QString> headers);
+    void setCookie(const QMap<QString, QString>& headers);
 
-    bool SetCookieValue(QStringList& cookies, QString cookie);
-    void SetCookieBasedRelyHeader(QString setCookieHeader);
+    bool SetCookieValue(QStringList& cookies, const QString& cookie);
+    void SetCookieBasedRelyHeader(const QString& setCookieHeader);
 
     QList<QNetworkCookie> getCookies();
     QString GetETag();

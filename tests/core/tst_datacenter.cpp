@@ -73,7 +73,9 @@ void tst_DataCenter::pendingChanges()
 
 void tst_DataCenter::sync_nullAndEarlyReturn()
 {
-    { Sync nothing(nullptr); }
+    {
+        Sync nothing(nullptr);
+    }
     QMutex mutex;
     auto lockedReturn = [&mutex](bool early) {
         Sync lock(&mutex);

@@ -6,7 +6,6 @@
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QtTest>
-
 #include <unistd.h>
 
 namespace {
@@ -75,7 +74,9 @@ void tst_Log::thresholdZero_writesNothing()
 {
     openLog(0);
     LogManager::getInstance()->Msg(4, "an error %d", 1);
-    { Infor tracer(0, "Test_scope"); }
+    {
+        Infor tracer(0, "Test_scope");
+    }
     QVERIFY(!QFileInfo::exists(documents()));
     QVERIFY(LogManager::getInstance()->fileName().isEmpty());
 }
@@ -161,11 +162,15 @@ void tst_Log::hourlyRecycle_emptiesFileAndRestartsMarker()
 void tst_Log::tracer_onlyUnderNegativeThreshold()
 {
     openLog(1);
-    { Infor tracer(0, "Adapter_start"); }
+    {
+        Infor tracer(0, "Adapter_start");
+    }
     QCOMPARE(fileLines(LogManager::getInstance()->fileName()).size(), 0);
 
     DataCenter::getInstance()->SetLogLevel(-1);
-    { Infor tracer(0, "Adapter_start"); }
+    {
+        Infor tracer(0, "Adapter_start");
+    }
     const QStringList lines = fileLines(LogManager::getInstance()->fileName());
     QCOMPARE(lines.size(), 3);
     QVERIFY(lines.at(1).endsWith("  Adapter_start----[Enter]"));

@@ -236,13 +236,12 @@ void tst_Adapter::pendingChanges_data()
     QTest::newRow("network only") << true << "" << -1 << qint64(-1) << QStringList{"net_error"};
     QTest::newRow("avatar only") << false << "http://f/1.png" << -1 << qint64(-1)
                                  << QStringList{"user_face"};
-    QTest::newRow("membership only") << false << "" << 5 << qint64(1900000000)
-                                     << QStringList{"expire_time", "vip_level"};
-    QTest::newRow("membership, level unset") << false << "" << -1 << qint64(7)
-                                             << QStringList{"expire_time", "vip_level"};
-    QTest::newRow("avatar and membership")
-        << false << "http://f/2.png" << 100 << qint64(100)
-        << QStringList{"expire_time", "user_face", "vip_level"};
+    QTest::newRow("membership only")
+        << false << "" << 5 << qint64(1900000000) << QStringList{"expire_time", "vip_level"};
+    QTest::newRow("membership, level unset")
+        << false << "" << -1 << qint64(7) << QStringList{"expire_time", "vip_level"};
+    QTest::newRow("avatar and membership") << false << "http://f/2.png" << 100 << qint64(100)
+                                           << QStringList{"expire_time", "user_face", "vip_level"};
     QTest::newRow("all four") << true << "http://f/3.png" << 3 << qint64(8589934592)
                               << QStringList{"expire_time", "net_error", "user_face", "vip_level"};
 }

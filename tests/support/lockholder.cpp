@@ -2,7 +2,6 @@
 // holds the lock until its standard input closes or it is killed.
 #include <QCoreApplication>
 #include <QLockFile>
-
 #include <cstdio>
 
 int main(int argc, char** argv)

@@ -76,13 +76,17 @@ void tst_MainAppDetect::isFileLocked_data()
     QTest::addColumn<QString>("announce");
     QTest::addColumn<bool>("alive");
     QTest::addColumn<QString>("line");
-    QTest::newRow("lock free") << false << "lock" << "holder" << false << "627 is not runing!";
-    QTest::newRow("held by announced pid") << true << "lock" << "holder" << true << "";
+    QTest::newRow("lock free") << false << "lock"
+                               << "holder" << false << "627 is not runing!";
+    QTest::newRow("held by announced pid") << true << "lock"
+                                           << "holder" << true << "";
     QTest::newRow("held by another pid")
-        << true << "lock" << "other" << false
-        << "627 is running, but pid(%1) is not same  with now appid(%2)!";
-    QTest::newRow("empty path") << false << "" << "holder" << true << "";
-    QTest::newRow("announced id 0") << true << "lock" << "zero" << true << "";
+        << true << "lock"
+        << "other" << false << "627 is running, but pid(%1) is not same  with now appid(%2)!";
+    QTest::newRow("empty path") << false << ""
+                                << "holder" << true << "";
+    QTest::newRow("announced id 0") << true << "lock"
+                                    << "zero" << true << "";
 }
 
 void tst_MainAppDetect::isFileLocked()
@@ -96,7 +100,7 @@ void tst_MainAppDetect::isFileLocked()
     if (held)
         QVERIFY(startHolder());
     const qint64 holderPid = held ? m_holder.processId() : 4242;
-    const int announced = announce == "holder" ? int(holderPid)
+    const int announced = announce == "holder"  ? int(holderPid)
                           : announce == "other" ? int(holderPid) + 1
                                                 : 0;
     DataCenter* center = DataCenter::getInstance();

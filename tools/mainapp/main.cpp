@@ -11,7 +11,6 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDir>
-
 #include <atomic>
 #include <csignal>
 #include <cstdio>

@@ -8,7 +8,6 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QThread>
-
 #include <cstdio>
 #include <unistd.h>
 
@@ -52,8 +51,7 @@ QList<QByteArray> takeJsonObjects(QByteArray& buffer)
     return objects;
 }
 
-MainAppClient::MainAppClient(const Options& options)
-    : m_options(options), m_lock(options.lockFile)
+MainAppClient::MainAppClient(const Options& options) : m_options(options), m_lock(options.lockFile)
 {
     connect(&m_socket, &QLocalSocket::readyRead, this, &MainAppClient::onReadyRead);
     connect(&m_socket, &QLocalSocket::disconnected, this, &MainAppClient::onDisconnected);
