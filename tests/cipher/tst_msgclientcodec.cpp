@@ -203,7 +203,7 @@ private slots:
         QByteArray out("untouched");
         QCOMPARE(Msg_client::decode(head, body, out), -1);
         QCOMPARE(out, QByteArray("untouched"));
-        QVERIFY2(m_log.contains(line), m_log.since().constData());
+        QVERIFY2(m_log.contains(line), qPrintable(m_log.since()));
     }
 
     void bodyFailures_data()

@@ -6,7 +6,7 @@
 #include "core/datacenter.h"
 #include "core/log.h"
 #include "httpstub.h"
-#include "logwatch.h"
+#include "logcapture.h"
 #include "push/client.h"
 #include "pushstub.h"
 #include "pushwire.h"
@@ -140,7 +140,7 @@ private:
     QList<PushFrame> framesWhere(bool (PushFrame::*test)() const) const;
 
     QTemporaryDir m_home;
-    LogWatch m_log;
+    LogCapture m_log;
     std::unique_ptr<HttpStub> m_http;
     std::unique_ptr<PushStub> m_push;
     HttpStubResponse m_ssoResponse;

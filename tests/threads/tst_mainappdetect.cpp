@@ -1,5 +1,4 @@
-#include "core/datacenter.h"
-#include "core/log.h"
+#include "logcapture.h"
 #include "threads/mainappdetectthread.h"
 #include "threads/threadmanager.h"
 
@@ -23,26 +22,25 @@ private slots:
 
 private:
     bool startHolder();
-    QString logText() const;
+    // Only what the current test function added to the log.
+    QString logText() const { return m_log.since(); }
 
     QTemporaryDir m_dir;
     QString m_lockPath;
     QProcess m_holder;
-    qint64 m_logSize = 0;
+    LogCapture m_log;
 };
 
 void tst_MainAppDetect::initTestCase()
 {
-    qputenv("HOME", m_dir.path().toUtf8());
-    DataCenter::getInstance()->SetLogLevel(1);
-    LogManager::getInstance()->init();
+    m_log.start(1);
     m_lockPath = m_dir.path() + "/mainapp.lock";
 }
 
 void tst_MainAppDetect::init()
 {
     DataCenter::getInstance()->SetMainAppExist(true);
-    m_logSize = QFileInfo(LogManager::getInstance()->fileName()).size();
+    m_log.mark();
 }
 
 void tst_MainAppDetect::cleanup()
@@ -57,15 +55,6 @@ bool tst_MainAppDetect::startHolder()
 {
     m_holder.start(QString(D627_BIN_DIR) + "/lockholder", {m_lockPath});
     return m_holder.waitForReadyRead(5000) && m_holder.readLine().trimmed() == "locked";
-}
-
-// Only what this test function added to the log.
-QString tst_MainAppDetect::logText() const
-{
-    QFile file(LogManager::getInstance()->fileName());
-    file.open(QIODevice::ReadOnly);
-    file.seek(m_logSize);
-    return QString::fromUtf8(file.readAll());
 }
 
 void tst_MainAppDetect::isFileLocked_data()

@@ -1,22 +1,13 @@
-#include "core/datacenter.h"
-#include "core/log.h"
+#include "logcapture.h"
 #include "threads/basethread.h"
 #include "threads/threadmanager.h"
 
-#include <QFile>
 #include <QPointer>
 #include <QTemporaryDir>
 #include <QtTest>
 
 namespace {
 const QVariant kTag("MainAppDetect");
-
-QString logText()
-{
-    QFile file(LogManager::getInstance()->fileName());
-    file.open(QIODevice::ReadOnly);
-    return QString::fromUtf8(file.readAll());
-}
 } // namespace
 
 // The watchdog threads used here have no lock file to watch, so they only idle until told
@@ -36,15 +27,15 @@ private slots:
     void isInvalidThreadExist_emptyTag();
 
 private:
-    QTemporaryDir m_home;
+    QString logText() const { return m_log.since(); }
+
+    LogCapture m_log;
     ThreadManager* m_manager = nullptr;
 };
 
 void tst_ThreadManager::initTestCase()
 {
-    qputenv("HOME", m_home.path().toUtf8());
-    DataCenter::getInstance()->SetLogLevel(1);
-    LogManager::getInstance()->init();
+    m_log.start(1);
     m_manager = ThreadManager::GetInstance();
 }
 

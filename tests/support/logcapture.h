@@ -1,19 +1,27 @@
 #pragma once
 
-// Reads what the daemon's log file gained since a mark. Tests set HOME to a temporary folder,
-// a non-zero log threshold and call LogManager::init() before using it.
+// Sends the daemon's log to a file under a temporary HOME and reads back what was written
+// since the last mark(). Tests that set up HOME and the log themselves use mark() only.
 
+#include "core/datacenter.h"
 #include "core/log.h"
 
 #include <QFile>
 #include <QFileInfo>
 #include <QString>
+#include <QTemporaryDir>
 
-class LogWatch
+class LogCapture
 {
 public:
+    void start(int threshold)
+    {
+        qputenv("HOME", m_home.path().toUtf8());
+        DataCenter::getInstance()->SetLogLevel(threshold);
+        LogManager::getInstance()->init();
+        mark();
+    }
     void mark() { m_offset = QFileInfo(LogManager::getInstance()->fileName()).size(); }
-
     QString since() const
     {
         QFile file(LogManager::getInstance()->fileName());
@@ -22,10 +30,10 @@ public:
         file.seek(m_offset);
         return QString::fromLocal8Bit(file.readAll());
     }
-
-    int count(const QString& text) const { return since().count(text); }
     bool contains(const QString& text) const { return since().contains(text); }
+    int count(const QString& text) const { return since().count(text); }
 
 private:
+    QTemporaryDir m_home;
     qint64 m_offset = 0;
 };
