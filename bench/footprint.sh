@@ -29,5 +29,5 @@ done
 end=$(date +%s.%N)
 grep -q "current process is 4!" "$work/daemon.log" || { echo "the daemon did not reach the running step"; exit 1; }
 sleep 1
-awk -v s="$start" -v e="$end" 'BEGIN { printf "login to running step   %.2f s (four 1 s steps included)\n", e - s }'
+awk -v s="$start" -v e="$end" 'BEGIN { printf "login to running step   %.2f s (five 1 s steps included)\n", e - s }'
 grep -E "VmRSS|VmHWM|Threads" "/proc/$daemon/status" | sed 's/\t/ /g; s/  */ /g'
