@@ -7,7 +7,6 @@
 #include <QElapsedTimer>
 #include <QTemporaryDir>
 #include <QThread>
-
 #include <cstdio>
 
 namespace {

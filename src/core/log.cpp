@@ -77,7 +77,7 @@ void LogManager::Msg(int level, const char* format, ...)
     char body[kBodySize] = {};
     va_list args;
     va_start(args, format);
-    vsnprintf(body, sizeof body, format, args);
+    vsnprintf(body, sizeof body, format, args); // NOLINT(clang-analyzer-valist.Uninitialized)
     va_end(args);
     write(body);
 }
@@ -138,7 +138,7 @@ Infor::Infor(int level, const std::string& name, const char* format, ...)
     char text[kBodySize] = {};
     va_list args;
     va_start(args, format);
-    vsnprintf(text, sizeof text, format, args);
+    vsnprintf(text, sizeof text, format, args); // NOLINT(clang-analyzer-valist.Uninitialized)
     va_end(args);
     enter(text);
 }
