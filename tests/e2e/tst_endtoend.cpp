@@ -8,6 +8,7 @@
 // Everything runs on the test's main thread; waits spin its event loop with a bounded time.
 
 #include "core/entry.h"
+#include "jsonstream.h"
 #include "serviceurls.h"
 
 #include <QDateTime>
@@ -64,39 +65,6 @@ bool waitFor(const std::function<bool()>& done, int timeoutMs)
         QTest::qWait(20);
     }
     return true;
-}
-
-// Takes the complete JSON objects from the front of an unframed stream of concatenated
-// objects; an incomplete tail stays in the buffer.
-QList<QByteArray> takeObjects(QByteArray& buffer)
-{
-    QList<QByteArray> objects;
-    int depth = 0;
-    int start = 0;
-    int consumed = 0;
-    bool inString = false;
-    bool escaped = false;
-    for (int i = 0; i < buffer.size(); ++i) {
-        const char c = buffer.at(i);
-        if (inString) {
-            if (escaped)
-                escaped = false;
-            else if (c == '\\')
-                escaped = true;
-            else if (c == '"')
-                inString = false;
-        } else if (c == '"') {
-            inString = true;
-        } else if (c == '{') {
-            if (depth++ == 0)
-                start = i;
-        } else if (c == '}' && depth > 0 && --depth == 0) {
-            objects << buffer.mid(start, i - start + 1);
-            consumed = i + 1;
-        }
-    }
-    buffer.remove(0, consumed);
-    return objects;
 }
 
 QByteArray compact(const QJsonObject& object)
@@ -318,7 +286,7 @@ bool tst_EndToEnd::startDaemonAndLogin()
 void tst_EndToEnd::onLinkReadyRead()
 {
     m_linkBuffer += m_link->readAll();
-    for (const QByteArray& object : takeObjects(m_linkBuffer)) {
+    for (const QByteArray& object : takeJsonObjects(m_linkBuffer)) {
         QJsonParseError error;
         const QJsonDocument document = QJsonDocument::fromJson(object, &error);
         if (error.error != QJsonParseError::NoError || !document.isObject()) {

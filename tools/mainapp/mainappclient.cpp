@@ -1,6 +1,7 @@
 #include "mainappclient.h"
 
 #include "core/entry.h"
+#include "jsonstream.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -16,39 +17,6 @@ void printLine(const QString& text)
     const QString stamp = QDateTime::currentDateTime().toString("hh:mm:ss.zzz");
     std::printf("[%s] mainapp: %s\n", qPrintable(stamp), text.toUtf8().constData());
     std::fflush(stdout);
-}
-
-QList<QByteArray> takeJsonObjects(QByteArray& buffer)
-{
-    QList<QByteArray> objects;
-    int depth = 0;
-    bool inString = false;
-    bool escaped = false;
-    int start = -1;
-    int consumed = 0;
-    for (int i = 0; i < buffer.size(); ++i) {
-        const char c = buffer.at(i);
-        if (inString) {
-            if (escaped)
-                escaped = false;
-            else if (c == '\\')
-                escaped = true;
-            else if (c == '"')
-                inString = false;
-            continue;
-        }
-        if (c == '"') {
-            inString = true;
-        } else if (c == '{') {
-            if (depth++ == 0)
-                start = i;
-        } else if (c == '}' && depth > 0 && --depth == 0) {
-            objects << buffer.mid(start, i - start + 1);
-            consumed = i + 1;
-        }
-    }
-    buffer.remove(0, consumed);
-    return objects;
 }
 
 MainAppClient::MainAppClient(const Options& options) : m_options(options), m_lock(options.lockFile)

@@ -52,6 +52,3 @@ private:
 
 // Prints one timestamped line on stdout and flushes it.
 void printLine(const QString& text);
-
-// Splits a stream of unframed, concatenated JSON objects; incomplete tail stays in buffer.
-QList<QByteArray> takeJsonObjects(QByteArray& buffer);
