@@ -1,30 +1,21 @@
 // Push frames against hand-built bytes, and answers sealed the way a push server seals them
-// (the stand-in cipher library called directly, LZ4 for compressed answers).
+// (the stand-in server's own wire helpers: the cipher library called directly, LZ4 blocks).
 #include "logcapture.h"
 #include "push/msg_client.h"
+#include "pushwire.h"
 
-#include <QLibrary>
 #include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QtEndian>
 #include <QtTest>
-#include <lz4.h>
 
 namespace {
-using SealFn = int (*)(const unsigned char*, int, unsigned char*, int*);
-using MsgOpenFn = int (*)(unsigned int, const unsigned char*, int, const unsigned char*, int,
-                          unsigned char*, int*);
-
 QByteArray le32(quint32 v)
 {
     QByteArray b(4, '\0');
     qToLittleEndian(v, b.data());
     return b;
 }
-
-const auto uc = [](const QByteArray& b) {
-    return reinterpret_cast<const unsigned char*>(b.data());
-};
 
 QByteArray rspHead(const char* magic, quint32 seq, bool compressed, quint32 length)
 {
@@ -37,35 +28,18 @@ class TstMsgClientCodec : public QObject
 {
     Q_OBJECT
 
-    QLibrary m_lib{"ec627"};
-    SealFn m_seal = nullptr;
-    SealFn m_open = nullptr;
-    MsgOpenFn m_msgOpen = nullptr;
     LogCapture m_log;
 
-    QByteArray seal(const QByteArray& plain)
+    static QByteArray seal(const QByteArray& plain)
     {
-        QByteArray out(plain.size() + 64, '\0');
-        int n = out.size();
-        if (m_seal(uc(plain), plain.size(), reinterpret_cast<unsigned char*>(out.data()), &n) != 0)
-            return {};
-        return out.left(n);
+        QByteArray sealed;
+        return pushwire::seal(plain, sealed) ? sealed : QByteArray();
     }
-    QByteArray compress(const QByteArray& plain)
-    {
-        QByteArray out(LZ4_compressBound(plain.size()), '\0');
-        const int n = LZ4_compress_default(plain.data(), out.data(), plain.size(), out.size());
-        return out.left(n);
-    }
+    static QByteArray compress(const QByteArray& plain) { return pushwire::lz4Block(plain); }
 
 private slots:
     void initTestCase()
     {
-        QVERIFY2(m_lib.load(), qPrintable(m_lib.errorString()));
-        m_seal = reinterpret_cast<SealFn>(m_lib.resolve("ec627_encode_data"));
-        m_open = reinterpret_cast<SealFn>(m_lib.resolve("ec627_decode"));
-        m_msgOpen = reinterpret_cast<MsgOpenFn>(m_lib.resolve("ec627_msg_decode"));
-        QVERIFY(m_seal && m_open && m_msgOpen);
         m_log.start(1);
         QCOMPARE(Msg_client::init(), 0);
     }
@@ -112,15 +86,10 @@ private slots:
 
         // The server opens the body with the token at offset 24 and the user id.
         const QByteArray token = out.mid(24, 48);
-        QByteArray plain(body.size(), '\0');
-        int n = plain.size();
-        QCOMPARE(m_msgOpen(user, uc(token), 48, uc(body), body.size(),
-                           reinterpret_cast<unsigned char*>(plain.data()), &n),
-                 0);
-        QCOMPARE(plain.left(n), le32(0) + text.toUtf8());
-        QCOMPARE(m_msgOpen(user + 1, uc(token), 48, uc(body), body.size(),
-                           reinterpret_cast<unsigned char*>(plain.data()), &n),
-                 -3);
+        QByteArray plain;
+        QVERIFY(pushwire::openLoginBody(user, token, body, plain));
+        QCOMPARE(plain, le32(0) + text.toUtf8());
+        QVERIFY(!pushwire::openLoginBody(user + 1, token, body, plain));
     }
 
     void normalFrame()
@@ -131,11 +100,9 @@ private slots:
         QCOMPARE(out.left(12), QByteArray("IOOS\xD4\xC3\xB2\xA1\0\0\0\0", 12));
         const QByteArray body = out.mid(16);
         QCOMPARE(out.mid(12, 4), le32(body.size()));
-        QByteArray plain(body.size(), '\0');
-        int n = plain.size();
-        QCOMPARE(m_open(uc(body), body.size(), reinterpret_cast<unsigned char*>(plain.data()), &n),
-                 0);
-        QCOMPARE(plain.left(n), le32(1234) + text.toUtf8());
+        QByteArray plain;
+        QVERIFY(pushwire::openRequestBody(body, plain));
+        QCOMPARE(plain, le32(1234) + text.toUtf8());
     }
 
     void answers_data()
