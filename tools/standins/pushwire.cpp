@@ -2,50 +2,48 @@
 
 #include "ec627/ec627.h"
 
+#include <QtEndian>
 #include <lz4.h>
 
 namespace pushwire {
 
+namespace {
+template <typename T> void appendLe(QByteArray& out, T value)
+{
+    char bytes[sizeof(T)];
+    qToLittleEndian<T>(value, bytes);
+    out.append(bytes, int(sizeof(T)));
+}
+} // namespace
+
 void appendLe16(QByteArray& out, quint16 value)
 {
-    out.append(static_cast<char>(value & 0xFF));
-    out.append(static_cast<char>((value >> 8) & 0xFF));
+    appendLe(out, value);
 }
 
 void appendLe32(QByteArray& out, quint32 value)
 {
-    for (int i = 0; i < 4; ++i)
-        out.append(static_cast<char>((value >> (8 * i)) & 0xFF));
+    appendLe(out, value);
 }
 
 void appendLe64(QByteArray& out, quint64 value)
 {
-    for (int i = 0; i < 8; ++i)
-        out.append(static_cast<char>((value >> (8 * i)) & 0xFF));
+    appendLe(out, value);
 }
 
 quint16 readLe16(const QByteArray& in, int offset)
 {
-    const auto* p = reinterpret_cast<const uchar*>(in.constData() + offset);
-    return static_cast<quint16>(p[0] | (p[1] << 8));
+    return qFromLittleEndian<quint16>(in.constData() + offset);
 }
 
 quint32 readLe32(const QByteArray& in, int offset)
 {
-    const auto* p = reinterpret_cast<const uchar*>(in.constData() + offset);
-    quint32 value = 0;
-    for (int i = 3; i >= 0; --i)
-        value = (value << 8) | p[i];
-    return value;
+    return qFromLittleEndian<quint32>(in.constData() + offset);
 }
 
 quint64 readLe64(const QByteArray& in, int offset)
 {
-    const auto* p = reinterpret_cast<const uchar*>(in.constData() + offset);
-    quint64 value = 0;
-    for (int i = 7; i >= 0; --i)
-        value = (value << 8) | p[i];
-    return value;
+    return qFromLittleEndian<quint64>(in.constData() + offset);
 }
 
 QByteArray magicText(quint32 magic)
