@@ -9,6 +9,14 @@ namespace {
 // Bodies beyond this size are taken as garbage: no client of ours sends anything close.
 const quint32 kMaxBodySize = 16 * 1024 * 1024;
 
+// Marks a frame as malformed; true, since the frame has been taken all the same.
+bool reject(PushFrame& frame, const QString& error)
+{
+    frame.ok = false;
+    frame.error = error;
+    return true;
+}
+
 QString printable(const QByteArray& text)
 {
     QString out = QString::fromUtf8(text);
@@ -308,69 +316,48 @@ bool PushStub::takeFrame(Connection* connection, PushFrame& frame)
         buffer.remove(0, 4);
         return true;
     }
+    if (magic != pushwire::kMagicFirstReq && magic != pushwire::kMagicReq)
+        return reject(frame,
+                      QStringLiteral("unknown magic 0x%1").arg(magic, 8, 16, QLatin1Char('0')));
 
-    if (magic == pushwire::kMagicFirstReq) {
-        if (buffer.size() < pushwire::kLoginHeadSize)
-            return false;
-        const quint32 bodySize = pushwire::readLe32(buffer, 76);
-        if (bodySize > kMaxBodySize) {
-            frame.ok = false;
-            frame.error = QStringLiteral("body length %1 too large").arg(bodySize);
-            return true;
-        }
-        if (buffer.size() < pushwire::kLoginHeadSize + int(bodySize))
-            return false;
-        frame.version = pushwire::readLe16(buffer, 4);
-        frame.clientType = static_cast<quint8>(buffer.at(6));
-        frame.sessionId = pushwire::readLe64(buffer, 8);
-        frame.userId = pushwire::readLe32(buffer, 16);
-        frame.seq = pushwire::readLe32(buffer, 20);
-        frame.token = buffer.mid(pushwire::kTokenOffset, pushwire::kTokenSize);
-        const QByteArray body = buffer.mid(pushwire::kLoginHeadSize, int(bodySize));
-        buffer.remove(0, pushwire::kLoginHeadSize + int(bodySize));
-        QByteArray plain;
-        if (!pushwire::openLoginBody(frame.userId, frame.token, body, plain) || plain.size() < 4) {
-            frame.ok = false;
-            frame.error = QStringLiteral("login body does not open (%1 bytes)").arg(body.size());
-            return true;
-        }
-        if (frame.version != 1) {
-            frame.ok = false;
-            frame.error = QStringLiteral("login version %1, expected 1").arg(frame.version);
-        }
-        frame.command = pushwire::readLe32(plain, 0);
-        frame.text = plain.mid(4);
-        return true;
-    }
+    // Both requests are a head that ends with the body length, then the sealed body.
+    const bool login = magic == pushwire::kMagicFirstReq;
+    const int headSize = login ? pushwire::kLoginHeadSize : pushwire::kHeadSize;
+    if (buffer.size() < headSize)
+        return false;
+    const quint32 bodySize = pushwire::readLe32(buffer, headSize - 4);
+    if (bodySize > kMaxBodySize)
+        return reject(frame, QStringLiteral("body length %1 too large").arg(bodySize));
+    if (buffer.size() < headSize + int(bodySize))
+        return false;
+    const QByteArray head = buffer.left(headSize);
+    const QByteArray body = buffer.mid(headSize, int(bodySize));
+    buffer.remove(0, headSize + int(bodySize));
 
-    if (magic == pushwire::kMagicReq) {
-        if (buffer.size() < pushwire::kHeadSize)
-            return false;
-        const quint32 bodySize = pushwire::readLe32(buffer, 12);
-        if (bodySize > kMaxBodySize) {
-            frame.ok = false;
-            frame.error = QStringLiteral("body length %1 too large").arg(bodySize);
-            return true;
-        }
-        if (buffer.size() < pushwire::kHeadSize + int(bodySize))
-            return false;
-        frame.seq = pushwire::readLe32(buffer, 4);
+    QByteArray plain;
+    bool opened = false;
+    if (login) {
+        frame.version = pushwire::readLe16(head, 4);
+        frame.clientType = static_cast<quint8>(head.at(6));
+        frame.sessionId = pushwire::readLe64(head, 8);
+        frame.userId = pushwire::readLe32(head, 16);
+        frame.seq = pushwire::readLe32(head, 20);
+        frame.token = head.mid(pushwire::kTokenOffset, pushwire::kTokenSize);
+        opened = pushwire::openLoginBody(frame.userId, frame.token, body, plain);
+    } else {
+        frame.seq = pushwire::readLe32(head, 4);
         frame.requestIndex = connection->requests++;
-        const QByteArray body = buffer.mid(pushwire::kHeadSize, int(bodySize));
-        buffer.remove(0, pushwire::kHeadSize + int(bodySize));
-        QByteArray plain;
-        if (!pushwire::openRequestBody(body, plain) || plain.size() < 4) {
-            frame.ok = false;
-            frame.error = QStringLiteral("request body does not open (%1 bytes)").arg(body.size());
-            return true;
-        }
-        frame.command = pushwire::readLe32(plain, 0);
-        frame.text = plain.mid(4);
-        return true;
+        opened = pushwire::openRequestBody(body, plain);
     }
-
-    frame.ok = false;
-    frame.error = QStringLiteral("unknown magic 0x%1").arg(magic, 8, 16, QLatin1Char('0'));
+    if (!opened || plain.size() < 4) {
+        return reject(frame, QStringLiteral("%1 body does not open (%2 bytes)")
+                                 .arg(login ? "login" : "request")
+                                 .arg(body.size()));
+    }
+    frame.command = pushwire::readLe32(plain, 0);
+    frame.text = plain.mid(4);
+    if (login && frame.version != 1)
+        reject(frame, QStringLiteral("login version %1, expected 1").arg(frame.version));
     return true;
 }
 
