@@ -331,20 +331,20 @@ void HttpStub::processBuffer(Connection* connection)
         if (!bad && (!lengthOk || length < 0)) {
             bad = true;
         }
-        if (!bad && request.headers.value("transfer-encoding").toLower().contains("chunked")) {
-            HttpStubResponse unsupported;
-            unsupported.status = 501;
-            unsupported.body = "chunked request bodies are not supported";
+        // A request we cannot read ends the connection after one plain answer.
+        const auto refuse = [&](int status, const QByteArray& text) {
+            HttpStubResponse response;
+            response.status = status;
+            response.body = text;
             connection->closing = true;
-            answer(connection, request, unsupported);
+            answer(connection, request, response);
+        };
+        if (!bad && request.headers.value("transfer-encoding").toLower().contains("chunked")) {
+            refuse(501, "chunked request bodies are not supported");
             return;
         }
         if (bad) {
-            HttpStubResponse badRequest;
-            badRequest.status = 400;
-            badRequest.body = "bad request";
-            connection->closing = true;
-            answer(connection, request, badRequest);
+            refuse(400, "bad request");
             return;
         }
         const qint64 total = headEnd + 4 + length;
