@@ -143,12 +143,15 @@ void ThreadManager::Destroy()
 
 void ThreadManager::getThreadInfo(CBaseThread* thread)
 {
-    // Gathered for diagnostics; no line is emitted.
-    const QString info = QString("%1 tId:%2 running:%3 data:%4 valid:%5")
-                             .arg(thread->metaObject()->className())
-                             .arg(thread->GetThreadId())
-                             .arg(thread->isRunning())
-                             .arg(thread->GetData().toString())
-                             .arg(thread->GetValid());
-    Q_UNUSED(info);
+    // What a diagnostic line would show; no line is emitted, so nothing is formatted.
+    const char* name = thread->metaObject()->className();
+    const quint64 threadId = thread->GetThreadId();
+    const bool running = thread->isRunning();
+    const QVariant data = thread->GetData();
+    const bool valid = thread->GetValid();
+    Q_UNUSED(name);
+    Q_UNUSED(threadId);
+    Q_UNUSED(running);
+    Q_UNUSED(data);
+    Q_UNUSED(valid);
 }
