@@ -59,6 +59,7 @@ private:
     QTemporaryDir m_dir;
     QScopedPointer<Adapter> m_adapter;
     QScopedPointer<QLocalSocket> m_client;
+    QList<QByteArray> m_badMessages;
 };
 
 void tst_Adapter::initTestCase()
@@ -95,6 +96,8 @@ void tst_Adapter::cleanup()
     manager->StopThread(4, QVariant("MainAppDetect"));
     QTRY_VERIFY_WITH_TIMEOUT(!manager->IsExist(4), 3000);
     manager->CleanThread();
+    const QList<QByteArray> bad = std::exchange(m_badMessages, {});
+    QVERIFY2(bad.isEmpty(), bad.value(0).constData());
 }
 
 void tst_Adapter::connectClient()
@@ -123,13 +126,11 @@ QJsonObject tst_Adapter::nextMessage(int timeoutMs)
     const QByteArray bytes = m_client->readAll();
     if (bytes.isEmpty())
         return {};
-    QJsonParseError error{};
-    const QJsonDocument document = QJsonDocument::fromJson(bytes, &error);
-    if (error.error != QJsonParseError::NoError)
-        qWarning() << "not one JSON object:" << bytes;
-    // Compact, unframed: exactly the serialised object and nothing else.
-    if (bytes != document.toJson(QJsonDocument::Compact))
-        qWarning() << "unexpected framing:" << bytes;
+    // Compact, unframed: exactly one serialised object and nothing else. Anything else is
+    // recorded and fails the test in cleanup().
+    const QJsonDocument document = QJsonDocument::fromJson(bytes);
+    if (!document.isObject() || bytes != document.toJson(QJsonDocument::Compact))
+        m_badMessages << bytes;
     return document.object();
 }
 
