@@ -19,20 +19,20 @@ void CNetWorkDetectThread::run()
     Infor tracer(0, std::string(metaObject()->className()) + "_run");
     CBaseThread::run();
 
-    QProcess* process = new QProcess;
+    // One process object, reused for every probe.
+    QProcess process;
     while (!m_quit.load(std::memory_order_relaxed)) {
-        process->start(QString::fromLatin1(kProbeCommand), QIODevice::ReadWrite);
-        process->waitForFinished(kProbeWaitMs);
-        const QString output = QString::fromUtf8(process->readAllStandardOutput().constData());
+        process.start(QString::fromLatin1(kProbeCommand), QIODevice::ReadWrite);
+        process.waitForFinished(kProbeWaitMs);
+        const QString output = QString::fromUtf8(process.readAllStandardOutput().constData());
         DataCenter::getInstance()->SetNetError(!output.contains(QLatin1String(kReplyMarker)));
-        if (process->state() != QProcess::NotRunning) {
+        if (process.state() != QProcess::NotRunning) {
             // A probe past its time is judged on what it printed; do not let it linger.
-            process->kill();
-            process->waitForFinished(1000);
+            process.kill();
+            process.waitForFinished(1000);
         }
         QThread::sleep(kPauseSeconds);
     }
-    delete process;
 }
 
 // Called from the main thread, under the registry lock.
