@@ -1,4 +1,4 @@
-#include "core/entry.h"
+#include "entry.h"
 
 int main(int argc, char** argv)
 {

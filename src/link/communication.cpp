@@ -1,6 +1,5 @@
 #include "communication.h"
 
-#include "core/entry.h"
 #include "core/log.h"
 
 #include <QLocalServer>
@@ -21,7 +20,7 @@ Communication::~Communication()
 
 bool Communication::start()
 {
-    const QString name = QString::fromLatin1(entry::kInstanceId);
+    const QString name = QString::fromLatin1(kInstanceId);
     QLocalServer::removeServer(name);
     const bool listening = m_server->listen(name);
     if (!listening) {

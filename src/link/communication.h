@@ -6,6 +6,10 @@
 class QLocalServer;
 class QLocalSocket;
 
+// The daemon's fixed identifier. It names the local server the main application connects to,
+// and the single-instance lock file.
+constexpr const char* kInstanceId = "90f5b5e6317542f5aa4beb51d0b9abca2631d3ee";
+
 // The daemon's end of the local link: a local server under the instance name and the one
 // current client. It moves raw bytes; each readyRead of the client is one message. Lives on
 // the main thread.

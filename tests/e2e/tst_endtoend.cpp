@@ -7,8 +7,8 @@
 //
 // Everything runs on the test's main thread; waits spin its event loop with a bounded time.
 
-#include "core/entry.h"
 #include "jsonstream.h"
+#include "link/communication.h"
 #include "serviceurls.h"
 
 #include <QDateTime>
@@ -258,7 +258,7 @@ bool tst_EndToEnd::startDaemonAndLogin()
 
     m_link.reset(new QLocalSocket);
     connect(m_link.data(), &QLocalSocket::readyRead, this, &tst_EndToEnd::onLinkReadyRead);
-    const QString path = m_tmp + '/' + entry::kInstanceId;
+    const QString path = m_tmp + '/' + kInstanceId;
     const bool connected = waitFor(
         [&]() {
             if (m_daemon.state() == QProcess::NotRunning)
@@ -507,7 +507,7 @@ void tst_EndToEnd::logoutElsewhere_isReportedAndEndsTheDaemon()
     QCOMPARE(m_daemon.exitCode(), 0);
     QVERIFY(daemonLog().contains("user is logout! message is " + text.toUtf8()));
     QCOMPARE(sandboxCount("client connected"), 1);
-    QVERIFY(!QFileInfo::exists(m_tmp + "/d627_" + entry::kInstanceId + "-lockfile"));
+    QVERIFY(!QFileInfo::exists(m_tmp + "/d627_" + kInstanceId + "-lockfile"));
 }
 
 void tst_EndToEnd::refusedConnections_backOffLongerEachTime_thenRecover()
@@ -551,7 +551,7 @@ void tst_EndToEnd::refusedConnections_backOffLongerEachTime_thenRecover()
 
 void tst_EndToEnd::mainAppStandIn_startsTheDaemonAndEndsIt()
 {
-    const QString lockFile = m_tmp + "/d627_" + entry::kInstanceId + "-lockfile";
+    const QString lockFile = m_tmp + "/d627_" + kInstanceId + "-lockfile";
     m_mainApp.setProgram(kBinDir + "/d627-mainapp");
     m_mainApp.setArguments({"--daemon", kBinDir + "/d627", "--lockfile",
                             m_dir->path() + "/mainapp.lock", "--user-id", kUserId, "--cookie",

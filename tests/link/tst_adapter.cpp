@@ -1,7 +1,7 @@
 #include "core/datacenter.h"
-#include "core/entry.h"
 #include "core/log.h"
 #include "link/adapter.h"
+#include "link/communication.h"
 #include "threads/threadmanager.h"
 
 #include <QDir>
@@ -103,7 +103,7 @@ void tst_Adapter::cleanup()
 void tst_Adapter::connectClient()
 {
     m_client.reset(new QLocalSocket);
-    m_client->connectToServer(QString::fromLatin1(entry::kInstanceId));
+    m_client->connectToServer(QString::fromLatin1(kInstanceId));
     QVERIFY(m_client->waitForConnected(2000));
     // Let the adapter take the connection.
     QTest::qWait(50);

@@ -1,4 +1,4 @@
-#include "core/entry.h"
+#include "link/communication.h"
 
 #include <QDir>
 #include <QJsonDocument>
@@ -28,7 +28,7 @@ private slots:
 private:
     void startDaemon(QProcess& process);
     bool connectTo(QLocalSocket& socket);
-    QString socketPath() const { return m_tmp + "/" + entry::kInstanceId; }
+    QString socketPath() const { return m_tmp + "/" + kInstanceId; }
 
     QScopedPointer<QTemporaryDir> m_dir;
     QString m_tmp;
@@ -93,7 +93,7 @@ void tst_Daemon::secondInstance_printsHolderAndExitsZero()
     // The second instance wrote no log.
     QVERIFY(!QFileInfo::exists(m_dir->path() + "/Documents"));
 
-    const QString lockFile = m_tmp + "/d627_" + entry::kInstanceId + "-lockfile";
+    const QString lockFile = m_tmp + "/d627_" + kInstanceId + "-lockfile";
     QVERIFY(QFile::exists(lockFile));
     socket.write(R"({"exit":true})");
     socket.flush();

@@ -1,7 +1,7 @@
 #include "mainappclient.h"
 
-#include "core/entry.h"
 #include "jsonstream.h"
+#include "link/communication.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -55,7 +55,7 @@ bool MainAppClient::connectToDaemon(int timeoutMs)
     QElapsedTimer timer;
     timer.start();
     do {
-        m_socket.connectToServer(QString::fromLatin1(entry::kInstanceId));
+        m_socket.connectToServer(QString::fromLatin1(kInstanceId));
         if (m_socket.waitForConnected(200))
             return true;
         QThread::msleep(50);

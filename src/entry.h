@@ -3,10 +3,6 @@
 #include <QString>
 
 namespace entry {
-// Names both the single-instance lock file and the local server the main application
-// connects to.
-constexpr const char* kInstanceId = "90f5b5e6317542f5aa4beb51d0b9abca2631d3ee";
-
 // <temp dir>/<application name>_<instance id>-lockfile
 QString lockFilePath();
 

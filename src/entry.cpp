@@ -1,6 +1,7 @@
 #include "entry.h"
 
 #include "link/adapter.h"
+#include "link/communication.h"
 
 #include <QCoreApplication>
 #include <QDebug>

@@ -1,0 +1,192 @@
+// MsgClient: writing frames and reading them back, one whole frame per readyRead.
+#include "client.h"
+#include "client_p.h"
+#include "clienttcpsocket.h"
+
+#include <cerrno>
+#include <cstring>
+
+using msgclient_detail::logger;
+
+namespace {
+quint32 readLe32(const char* bytes)
+{
+    quint32 value = 0;
+    for (int i = 3; i >= 0; --i)
+        value = (value << 8) | static_cast<unsigned char>(bytes[i]);
+    return value;
+}
+} // namespace
+
+int MsgClient::writeCmd(const QByteArray& frame)
+{
+    if (!m_socket || m_socket->write(frame) != frame.size()) {
+        logger()->Msg(4, "write to server failed!");
+        return -1;
+    }
+    m_socket->waitForBytesWritten(m_times.socketWaitMs);
+    return 0;
+}
+
+int MsgClient::SendHeart()
+{
+    Infor tracer(0, scopeName("SendHeart"));
+    QByteArray frame;
+    Msg_client::heartbeat_req(frame);
+    return writeCmd(frame);
+}
+
+int MsgClient::nread(char* buffer, int length)
+{
+    const qint64 available = m_socket ? m_socket->bytesAvailable() : 0;
+    if (length <= 0 || length > available) {
+        logger()->Msg(3, "nread failed! len is %d, available bytes is %lld", length,
+                      static_cast<long long>(available));
+        return -1;
+    }
+    int got = 0;
+    while (got < length) {
+        errno = 0;
+        const qint64 n = m_socket->read(buffer + got, length - got);
+        if (n == 0)
+            return -1;
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return -1;
+        }
+        got += static_cast<int>(n);
+    }
+    return 0;
+}
+
+int MsgClient::readHead(tagTRANSPORT_PKG_HEAD_RSP& head)
+{
+    QByteArray headString;
+    return readHead(head, headString);
+}
+
+int MsgClient::readHead(tagTRANSPORT_PKG_HEAD_RSP& head, QByteArray& headString)
+{
+    char rest[Msg_client::kMsgHeadSize - 4];
+    std::memset(rest, 0, sizeof(rest));
+    if (nread(rest, sizeof(rest)) != 0) {
+        logger()->Msg(4, "read head failed!");
+        return -1;
+    }
+    headString.clear();
+    for (int i = 0; i < 4; ++i)
+        headString.append(static_cast<char>((head.magic_quote >> (8 * i)) & 0xFF));
+    headString.append(rest, sizeof(rest));
+    Msg_client::parseHead(headString, head);
+    return 0;
+}
+
+int MsgClient::readData(int length, QByteArray& out)
+{
+    if (length < 1)
+        return -1;
+    // The length comes from the peer. nread turns down more than the socket holds, so the
+    // buffer is sized by what is available: a corrupt head length must not be allocated first.
+    const qint64 available = m_socket ? m_socket->bytesAvailable() : 0;
+    QByteArray buffer(static_cast<int>(qMin<qint64>(length, available)) + 1, '\0');
+    const int ret = nread(buffer.data(), length);
+    if (ret == 0)
+        out = buffer.left(length);
+    return ret;
+}
+
+int MsgClient::readFromServer(QByteArray& out)
+{
+    if (!m_socket || !m_socket->isOpen())
+        return -1;
+
+    char magicBytes[4] = {0, 0, 0, 0};
+    if (nread(magicBytes, 4) != 0) {
+        logger()->Msg(3, "nread false! client read from server failed!");
+        return -1;
+    }
+    const quint32 magic = readLe32(magicBytes);
+    logger()->Msg(1, "nread ok! client read from server success!");
+    logger()->Msg(3, "magic is %d!", static_cast<int>(magic));
+
+    if (magic == MAGIC_HEART) {
+        logger()->Msg(1, "current msg is heart beart!");
+        return 0;
+    }
+    if (magic == MAGIC_RSP) {
+        tagTRANSPORT_PKG_HEAD_RSP head;
+        head.magic_quote = magic;
+        QByteArray headString;
+        QByteArray body;
+        if (readHead(head, headString) != 0 || readData(static_cast<int>(head.length), body) != 0) {
+            logger()->Msg(3, "read false! read head or data failed!");
+            return -1;
+        }
+        logger()->Msg(1, "headstring : %s", headString.constData());
+        if (Msg_client::decode(headString, body, out) != 0) {
+            logger()->Msg(4, "decode failed! decode headstring is %s!response is %s",
+                          headString.constData(), body.constData());
+            return -1;
+        }
+        m_responseSeq = head.seq;
+        return 2;
+    }
+    if (magic == MAGIC_NOTICE) {
+        QByteArray body;
+        if (readData(Msg_client::kNoticeBodySize, body) != 0) {
+            logger()->Msg(4, "read response err!");
+            return -1;
+        }
+        if (Msg_client::decode(QByteArray(magicBytes, 4), body, out) != 0) {
+            logger()->Msg(4, "decode response failed! response is %s!", body.constData());
+            return -1;
+        }
+        return 1;
+    }
+    logger()->Msg(1, "false magic:%d!", static_cast<int>(magic));
+    return -1;
+}
+
+void MsgClient::onReadyRead()
+{
+    Infor tracer(0, scopeName("onReadyRead"));
+    QByteArray message;
+    const int rc = readFromServer(message);
+    if (rc < 0) {
+        logger()->Msg(3,
+                      "read from server result is -1, so check connect status! current process "
+                      "is %d",
+                      m_process);
+        emit checkstatus(true);
+        return;
+    }
+    logger()->Msg(1, "client read from server message is %s", message.constData());
+    switch (m_process) {
+    case 1:
+        // Whatever the login answer holds, it moves the process on.
+        stopCheckTime();
+        nextProcess();
+        break;
+    case 2:
+        if (HandleMaxIdMessage(rc, message))
+            stopCheckTime();
+        break;
+    case 4:
+        if (HandleMessageFormServer(rc, message) != 0) {
+            emit checkstatus(true);
+            emit checkuserinfo();
+        }
+        break;
+    default:
+        break;
+    }
+}
+
+void MsgClient::ondisconnected()
+{
+    Infor tracer(0, scopeName("ondisconnected"));
+    const QString error = m_socket ? m_socket->errorString() : QString();
+    logger()->Msg(4, "server disconnect to socket, error is %s", error.toUtf8().constData());
+    emit checkstatus(true);
+}

@@ -1,0 +1,227 @@
+// MsgClient: the push-server address lookup, the login-status check with its reconnection
+// back-off, the user-information parser, and the device's hardware address.
+#include "client.h"
+#include "client_p.h"
+#include "core/data.h"
+#include "core/datacenter.h"
+#include "web/requesthttps.h"
+
+#include <QDateTime>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QNetworkInterface>
+#include <QTimer>
+#include <QVariant>
+
+using msgclient_detail::logger;
+using msgclient_detail::readLevel;
+
+namespace {
+qint64 systemSeconds()
+{
+    return QDateTime::currentSecsSinceEpoch();
+}
+
+// Reconnection back-off, shared by the whole process. Only the client thread touches it.
+MsgClient::Clock g_backoffClock = systemSeconds;
+int g_lastTime = 0;
+int g_delay = 1;
+} // namespace
+
+QString getMacAddress(bool bremovecolon)
+{
+    QString address;
+    const QList<QNetworkInterface> interfaces = QNetworkInterface::allInterfaces();
+    for (const QNetworkInterface& iface : interfaces) {
+        const QNetworkInterface::InterfaceFlags flags = iface.flags();
+        if ((flags & QNetworkInterface::IsUp) && (flags & QNetworkInterface::IsRunning) &&
+            !(flags & QNetworkInterface::IsLoopBack)) {
+            address = iface.hardwareAddress();
+            break;
+        }
+    }
+    if (bremovecolon)
+        address.remove(":");
+    return address;
+}
+
+void MsgClient::setBackoffClock(Clock clock)
+{
+    g_backoffClock = clock ? clock : systemSeconds;
+}
+
+int MsgClient::GetServerAddressList(QStringList& list)
+{
+    QMap<QString, QString> headers;
+    headers["Content-Type"] = "application/x-www-form-urlencoded;charset=UTF-8";
+    CRequestHttps request;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        QByteArray reply;
+        const int ret = request.SendRequest(m_pushAddressUrl, 1, headers, QByteArray(), reply);
+        logger()->Msg(1, "MsgClient::GetServerAddressList response is %s", reply.constData());
+        if (ret != 0) {
+            logger()->Msg(4, "get server address error is %s", reply.constData());
+            continue;
+        }
+        return ParseServerAddressResponse(reply, list);
+    }
+    return 0;
+}
+
+int MsgClient::ParseServerAddressResponse(const QByteArray& data, QStringList& list)
+{
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(data, &error);
+    if (error.error != QJsonParseError::NoError)
+        return 0;
+    const QJsonObject root = document.object();
+    if (root.value("state").toInt() == 0) {
+        logger()->Msg(4, "parse server address failed! because state is 0");
+        return 0;
+    }
+    const QJsonArray servers = root.value("data").toObject().value("server").toArray();
+    for (const QJsonValue& server : servers)
+        list.append(server.toString());
+    return 1;
+}
+
+int MsgClient::GetServerAddress(QString& ip, int& port)
+{
+    QStringList list;
+    const int ret = GetServerAddressList(list);
+    if (!ret) {
+        logger()->Msg(4, "get server address failed!");
+        return 0;
+    }
+    if (list.isEmpty()) {
+        logger()->Msg(4, "server address list num is 0!");
+        return 0;
+    }
+    // The service's order decides: the first entry of the form host:port wins.
+    for (const QString& entry : qAsConst(list)) {
+        const QStringList parts = entry.split(":", Qt::KeepEmptyParts);
+        if (parts.size() != 2)
+            continue;
+        ip = parts.at(0);
+        port = parts.at(1).toInt(nullptr, 10);
+        logger()->Msg(1, "connect server success!, ip is %s, port is %d",
+                      entry.toUtf8().constData(), port);
+        return ret;
+    }
+    return 0;
+}
+
+void MsgClient::oncheckstatus(bool bneedconnect)
+{
+    Infor tracer(0, scopeName("oncheckstatus"));
+    DataCenter* data = DataCenter::getInstance();
+    CLogoutInfor logout;
+    data->GetLogoutInfor(logout);
+    if (logout.isLogout)
+        return;
+    CLoginInfor loginInfo;
+    data->GetLoginInfor(loginInfo);
+    if (loginInfo.cookies.isEmpty())
+        return;
+
+    // The device id is the body of a GET, so it never reaches the service; kept as it is.
+    const QString body = QString("device_id=%1").arg(getMacAddress(true));
+    CRequestHttps request;
+    QByteArray reply;
+    const int ret = request.SendRequest(m_ssoStatusUrl, 0, loginInfo.cookies, body.toUtf8(), reply);
+    logger()->Msg(1, "check status result is %s", reply.constData());
+
+    CLogoutInfor info;
+    if (ret == 0 && ParseCheckStatusResponse(reply, info)) {
+        stopNetCheckTime();
+        if (info.isLogout) {
+            logger()->Msg(1, "check status is login out");
+            data->SetLogoutInfor(info);
+            return;
+        }
+        if (bneedconnect) {
+            logger()->Msg(1, "check status is login, would reconnect server");
+            scheduleReconnect();
+        }
+        return;
+    }
+    logger()->Msg(4, "request or parse failed, request return:%d", ret);
+    startNetCheckTime();
+}
+
+void MsgClient::scheduleReconnect()
+{
+    const int now = static_cast<int>(g_backoffClock());
+    // Signed 32-bit difference, computed without overflow.
+    const qint32 elapsed =
+        static_cast<qint32>(static_cast<quint32>(now) - static_cast<quint32>(g_lastTime));
+    if (elapsed > 5) {
+        g_delay = 1;
+    } else {
+        g_delay *= 2;
+        if (g_delay > 10)
+            g_delay = 10;
+    }
+    g_lastTime = now;
+    m_lastReconnectWaitMs = g_delay * m_times.backoffSecondMs;
+    QTimer::singleShot(m_lastReconnectWaitMs, this, SLOT(onsocketerror()));
+}
+
+bool MsgClient::ParseCheckStatusResponse(const QByteArray& data, CLogoutInfor& out)
+{
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(data, &error);
+    if (error.error != QJsonParseError::NoError) {
+        logger()->Msg(3, "ParseCheckStatusResponse failed!parser error is %s",
+                      error.errorString().toUtf8().constData());
+        return false;
+    }
+    const QJsonObject root = document.object();
+    if (root.value("state").toInt() != 1) {
+        out.isLogout = false;
+        return true;
+    }
+    out.isLogout = true;
+    out.message = root.value("message").toString();
+    logger()->Msg(1, "user is logout, message is %s", out.message.toUtf8().constData());
+    return true;
+}
+
+void MsgClient::oncheckUserInfor()
+{
+    Infor tracer(0, scopeName("oncheckUserInfor"));
+    // A fixed pair that marks a pending membership change for the main application.
+    DataCenter::getInstance()->SetVipInfor(100, 100);
+}
+
+int MsgClient::ParseUserInfor(const QByteArray& data, CUserInfor& out)
+{
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(data, &error);
+    if (error.error != QJsonParseError::NoError)
+        return -1;
+    const QJsonObject root = document.object();
+    if (!root.value("state").toBool()) {
+        logger()->Msg(1, "userinfor:%s", root.value("message").toString().toUtf8().constData());
+        return -1;
+    }
+    const QJsonObject d = root.value("data").toObject();
+    out.userName = d.value("user_name").toString();
+    out.face = d.value("face").toString();
+    out.vipMark = readLevel(d.value("mark"));
+    out.expire = static_cast<qint64>(d.value("expire").toVariant().toULongLong());
+    out.mobile = d.value("mobile").toString();
+
+    // "sapce" is the service's spelling.
+    const QJsonObject space = d.value("sapce").toObject().value("1").toObject();
+    out.sizeTotal = space.value("size_total").toString();
+    out.sizeUsed = space.value("size_used").toString();
+    out.byteSizeRemain = static_cast<qint64>(space.value("byte_size_remain").toDouble());
+    out.sizeUsedPercent = space.value("size_used_percent").toString().toDouble() / 100.0;
+
+    logger()->Msg(1, "ParseUserInfor ------------------>>");
+    DataCenter::getInstance()->SetUserFace(out.face);
+    DataCenter::getInstance()->SetVipInfor(out.vipMark, out.expire);
+    return 1;
+}
