@@ -22,6 +22,10 @@ public:
         QString userAgent;
         int logLevel = 1;
         QString lockFile;
+        // Handed to the daemon as TMPDIR: its lock file and local socket live there.
+        QString tmpDir;
+        // tmpDir is our default private folder: created 0700, refused unless it is ours.
+        bool privateTmpDir = true;
         bool stay = false;
     };
 
@@ -37,6 +41,10 @@ private slots:
     void onStdin();
 
 private:
+    bool preparePrivateTmpDir();
+    bool startDaemon();
+    QString serverPath() const;
+    bool peerIsOurUser();
     bool connectToDaemon(int timeoutMs);
     void sendLogin();
     void send(const QByteArray& bytes);
@@ -52,3 +60,8 @@ private:
 
 // Prints one timestamped line on stdout and flushes it.
 void printLine(const QString& text);
+
+// The default folder for the daemon's TMPDIR: $XDG_RUNTIME_DIR/d627 when that is set, else
+// <temp>/d627-<uid>. A shared temporary folder would let another local user take the daemon's
+// fixed lock-file and socket names first.
+QString defaultPrivateTmpDir();
