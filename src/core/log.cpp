@@ -1,6 +1,7 @@
 #include "log.h"
 
 #include "datacenter.h"
+#include "sync.h"
 
 #include <QDateTime>
 #include <QDebug>
@@ -82,7 +83,7 @@ void LogManager::init()
     const QString name = QDateTime::currentDateTime().toString("MMdd_hhmmss_") +
                          QString::number(getpid()) + "_627.log";
 
-    QMutexLocker lock(&m_mutex);
+    Sync lock(&m_mutex);
     m_stream.setDevice(nullptr);
     m_file.close();
     m_fileName = dirPath + name;
@@ -116,7 +117,7 @@ void LogManager::write(const char* body)
     const QString line = QString::fromLocal8Bit(prefix) + QString::fromLocal8Bit(body);
     qDebug().noquote() << line;
 
-    QMutexLocker lock(&m_mutex);
+    Sync lock(&m_mutex);
     const time_t now = m_clock();
     if (m_isNewFile) {
         m_fileStart = now;
@@ -138,13 +139,13 @@ void LogManager::write(const char* body)
 
 QString LogManager::fileName()
 {
-    QMutexLocker lock(&m_mutex);
+    Sync lock(&m_mutex);
     return m_fileName;
 }
 
 void LogManager::setClock(Clock clock)
 {
-    QMutexLocker lock(&m_mutex);
+    Sync lock(&m_mutex);
     m_clock = clock ? clock : systemClock;
 }
 

@@ -54,7 +54,7 @@ void tst_MainAppDetect::cleanup()
 bool tst_MainAppDetect::startHolder()
 {
     m_holder.start(QString(D627_BIN_DIR) + "/lockholder", {m_lockPath});
-    return m_holder.waitForReadyRead(5000) && m_holder.readLine().trimmed() == "locked";
+    return m_holder.waitForReadyRead(30000) && m_holder.readLine().trimmed() == "locked";
 }
 
 void tst_MainAppDetect::isFileLocked_data()
@@ -123,11 +123,11 @@ void tst_MainAppDetect::thread_clearsFlagOnceHolderIsGone()
     QVERIFY(center->IsMainAppExist());
 
     m_holder.closeWriteChannel();
-    QVERIFY(m_holder.waitForFinished(3000));
-    QTRY_VERIFY_WITH_TIMEOUT(!center->IsMainAppExist(), 3000);
+    QVERIFY(m_holder.waitForFinished(30000));
+    QTRY_VERIFY_WITH_TIMEOUT(!center->IsMainAppExist(), 30000);
 
     manager->StopThread(4, QVariant("MainAppDetect"));
-    QTRY_VERIFY_WITH_TIMEOUT(!manager->IsExist(4), 3000);
+    QTRY_VERIFY_WITH_TIMEOUT(!manager->IsExist(4), 30000);
     manager->CleanThread();
 }
 

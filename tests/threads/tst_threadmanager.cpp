@@ -42,7 +42,7 @@ void tst_ThreadManager::initTestCase()
 void tst_ThreadManager::cleanup()
 {
     m_manager->FinishAllThread();
-    QTRY_VERIFY_WITH_TIMEOUT(!m_manager->IsExist(-1), 5000);
+    QTRY_VERIFY_WITH_TIMEOUT(!m_manager->IsExist(-1), 30000);
     m_manager->CleanThread();
 }
 
@@ -72,7 +72,7 @@ void tst_ThreadManager::stopThenCreate_makesSecondThread()
     QVERIFY(logText().contains("found main thread"));
     QVERIFY(logText().contains("mainapp detect thread receive quit flag"));
     // The stopped thread finishes on its own and is then reaped; the new one stays.
-    QTRY_VERIFY_WITH_TIMEOUT(first->isFinished(), 3000);
+    QTRY_VERIFY_WITH_TIMEOUT(first->isFinished(), 30000);
     m_manager->CleanThread();
     QVERIFY(first.isNull());
     QVERIFY(!second.isNull());
@@ -109,7 +109,7 @@ void tst_ThreadManager::isExist_isBitTest()
     // Validity and tag do not matter, only whether the thread has finished.
     m_manager->StopThread(4, kTag);
     QVERIFY(m_manager->IsExist(4));
-    QTRY_VERIFY_WITH_TIMEOUT(!m_manager->IsExist(4), 3000);
+    QTRY_VERIFY_WITH_TIMEOUT(!m_manager->IsExist(4), 30000);
 }
 
 void tst_ThreadManager::cleanThread_reapsAllFinishedInOneCall()
