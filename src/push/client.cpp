@@ -12,6 +12,7 @@
 #include <QRandomGenerator>
 #include <QScopedValueRollback>
 #include <QTimer>
+#include <utility>
 
 using msgclient_detail::logger;
 
@@ -222,10 +223,23 @@ void MsgClient::CloseSocket()
             m_socket->waitForDisconnected(m_times.socketWaitMs);
     }
     m_socket->close();
-    // The closed socket is kept, not freed: this may run in a nested event loop while an outer
-    // frame is still inside one of its signals. It goes with this object.
+    // Nothing is connected to the closed socket any more, so only code that is still inside one
+    // of its signals can reach it: an outer frame when this runs in a nested event loop of a
+    // slot connected to it. It is freed once that slot has returned, or at once (deleteLater)
+    // when no such slot runs. Until then it is a child of this object and goes with it.
     m_socket->setParent(this);
+    if (m_socketSignalDepth > 0)
+        m_closedSockets.append(m_socket);
+    else
+        m_socket->deleteLater();
     m_socket = nullptr;
+}
+
+void MsgClient::freeClosedSockets()
+{
+    const QList<ClientTcpSocket*> closed = std::exchange(m_closedSockets, {});
+    for (ClientTcpSocket* socket : closed)
+        socket->deleteLater();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -234,6 +248,7 @@ void MsgClient::CloseSocket()
 void MsgClient::onSendHeartTimer()
 {
     Infor tracer(0, scopeName("onSendHeartTimer"));
+    const SocketSignalScope inSignal(this);
     if (SendHeart() == 0)
         startCheckTimeMs(m_times.heartbeatAnswerMs);
     else

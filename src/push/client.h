@@ -135,6 +135,12 @@ private:
     // Schedules onsocketerror() after the process-wide back-off.
     void scheduleReconnect();
     std::string scopeName(const char* function) const;
+    // Frees the sockets closed while a socket signal was being delivered.
+    void freeClosedSockets();
+
+    // Held by the slots connected to a push socket's signals (readyRead, disconnected, timer)
+    // for as long as they run; see CloseSocket().
+    class SocketSignalScope;
 
     unsigned int m_sequence = 0;
     unsigned int m_responseSeq = 0;
@@ -148,5 +154,7 @@ private:
     QString m_pushAddressUrl;
     QString m_ssoStatusUrl;
     int m_lastReconnectWaitMs = 0;
-    bool m_connecting = false; // connect2Server() is running (possibly in a nested event loop)
+    bool m_connecting = false;   // connect2Server() is running (possibly in a nested event loop)
+    int m_socketSignalDepth = 0; // SocketSignalScope objects alive
+    QList<ClientTcpSocket*> m_closedSockets; // closed inside a socket signal, freed after it
 };

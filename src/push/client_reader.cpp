@@ -151,6 +151,7 @@ int MsgClient::readFromServer(QByteArray& out)
 void MsgClient::onReadyRead()
 {
     Infor tracer(0, scopeName("onReadyRead"));
+    const SocketSignalScope inSignal(this);
     QByteArray message;
     const int rc = readFromServer(message);
     if (rc < 0) {
@@ -186,6 +187,7 @@ void MsgClient::onReadyRead()
 void MsgClient::ondisconnected()
 {
     Infor tracer(0, scopeName("ondisconnected"));
+    const SocketSignalScope inSignal(this);
     const QString error = m_socket ? m_socket->errorString() : QString();
     logger()->Msg(4, "server disconnect to socket, error is %s", error.toUtf8().constData());
     emit checkstatus(true);
