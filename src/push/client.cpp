@@ -146,19 +146,9 @@ int MsgClient::login()
 
     CLoginInfor info;
     DataCenter::getInstance()->GetLoginInfor(info);
-    // Each cookie entry goes out as key=value with the value's ";" turned into "&" and then
-    // percent-encoded; the entries follow each other without a separator.
-    QString text;
-    for (auto it = info.cookies.constBegin(); it != info.cookies.constEnd(); ++it) {
-        QString value = it.value();
-        value.replace(";", "&");
-        text +=
-            QString("%1=%2").arg(it.key(), QString::fromLatin1(value.toUtf8().toPercentEncoding()));
-    }
-
     QByteArray frame;
     if (Msg_client::first_req_encode(GetClientType(), GetSessionId(), info.userId.toUInt(),
-                                     m_sequence, 0, text, frame) != 0) {
+                                     m_sequence, 0, LoginText(info.cookies), frame) != 0) {
         logger()->Msg(4, "client login first_req_encode failed!");
         return -1;
     }
@@ -168,6 +158,20 @@ int MsgClient::login()
     m_sequence += 1;
     startCheckTimeMs(m_times.answerMs);
     return 0;
+}
+
+QString MsgClient::LoginText(const QMap<QString, QString>& cookies)
+{
+    // Each cookie entry goes out as key=value with the value's ";" turned into "&" and then
+    // percent-encoded; the entries follow each other without a separator.
+    QString text;
+    for (auto it = cookies.constBegin(); it != cookies.constEnd(); ++it) {
+        QString value = it.value();
+        value.replace(";", "&");
+        text +=
+            QString("%1=%2").arg(it.key(), QString::fromLatin1(value.toUtf8().toPercentEncoding()));
+    }
+    return text;
 }
 
 int MsgClient::GetMaxId()

@@ -28,6 +28,19 @@ int MsgClient::writeCmd(const QByteArray& frame)
     return 0;
 }
 
+ClientTcpSocket* MsgClient::setSocket(ClientTcpSocket* socket)
+{
+    ClientTcpSocket* previous = m_socket;
+    if (previous)
+        previous->disconnect(this);
+    m_socket = socket;
+    if (socket) {
+        connect(socket, SIGNAL(readyRead()), this, SLOT(onReadyRead()));
+        connect(socket, SIGNAL(disconnected()), this, SLOT(ondisconnected()));
+    }
+    return previous;
+}
+
 int MsgClient::SendHeart()
 {
     Infor tracer(0, scopeName("SendHeart"));
