@@ -18,6 +18,11 @@ QString lockFilePath()
 
 int run(int argc, char** argv)
 {
+    // No plugin folders: Qt then loads no plugins. The daemon needs none, and the network
+    // stack's default bearer plugins would bring D-Bus and a thread of their own, and could
+    // refuse requests after a network change. A request while the network is down still fails
+    // as a transport error and leads to the status check.
+    QCoreApplication::setLibraryPaths(QStringList());
     QCoreApplication app(argc, argv);
     QLockFile lockFile(lockFilePath());
 
