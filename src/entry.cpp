@@ -44,6 +44,11 @@ namespace {
 
 int runApplication(int argc, char** argv)
 {
+    // No plugin folders: Qt then loads no plugins. The daemon needs none, and the network
+    // stack's default bearer plugins would bring D-Bus and a thread of their own, and could
+    // refuse requests after a network change. A request while the network is down still fails
+    // as a transport error and leads to the status check.
+    QCoreApplication::setLibraryPaths(QStringList());
     QCoreApplication app(argc, argv);
     int code = 0;
     {
