@@ -23,6 +23,8 @@ public:
         int logLevel = 1;
         QString lockFile;
         bool stay = false;
+        QString libraryPath; // put first on the daemon's LD_LIBRARY_PATH when not empty
+        bool noLogin = false;
     };
 
     explicit MainAppClient(const Options& options);
@@ -38,6 +40,7 @@ private slots:
 
 private:
     bool connectToDaemon(int timeoutMs);
+    bool startDaemon();
     void sendLogin();
     void send(const QByteArray& bytes);
     void handleCommand(const QByteArray& line);
