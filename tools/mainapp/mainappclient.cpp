@@ -107,7 +107,8 @@ bool MainAppClient::start()
     if (!peerIsOurUser())
         return false;
     printLine("connected to the daemon");
-    sendLogin();
+    if (!m_options.noLogin)
+        sendLogin();
 
     m_stdin.reset(new QSocketNotifier(STDIN_FILENO, QSocketNotifier::Read));
     connect(m_stdin.data(), &QSocketNotifier::activated, this, &MainAppClient::onStdin);
@@ -125,6 +126,19 @@ bool MainAppClient::connectToDaemon(int timeoutMs)
         QThread::msleep(50);
     } while (timer.elapsed() < timeoutMs);
     return false;
+}
+
+bool MainAppClient::startDaemon()
+{
+    QProcess daemon;
+    daemon.setProgram(m_options.daemonPath);
+    if (!m_options.libraryPath.isEmpty()) {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        const QString old = env.value("LD_LIBRARY_PATH");
+        env.insert("LD_LIBRARY_PATH", m_options.libraryPath + (old.isEmpty() ? "" : ":" + old));
+        daemon.setProcessEnvironment(env);
+    }
+    return daemon.startDetached();
 }
 
 void MainAppClient::sendLogin()
@@ -174,7 +188,7 @@ void MainAppClient::onDisconnected()
 
 void MainAppClient::onStdin()
 {
-    char buffer[512];
+    char buffer[4096];
     if (!std::fgets(buffer, sizeof buffer, stdin)) {
         // End of input: stop listening, keep running.
         m_stdin->setEnabled(false);
@@ -201,8 +215,10 @@ void MainAppClient::handleCommand(const QByteArray& line)
         printLine("leaving without a word; the lock is released");
         m_leaving = true;
         QCoreApplication::exit(0);
+    } else if (line.startsWith("send ")) {
+        send(line.mid(5));
     } else if (!line.isEmpty()) {
         printLine("unknown command: " + QString::fromUtf8(line) +
-                  " (exit, login, drop, connect, quit)");
+                  " (exit, login, drop, connect, quit, send <json>)");
     }
 }

@@ -27,6 +27,8 @@ public:
         // tmpDir is our default private folder: created 0700, refused unless it is ours.
         bool privateTmpDir = true;
         bool stay = false;
+        QString libraryPath; // put first on the daemon's LD_LIBRARY_PATH when not empty
+        bool noLogin = false;
     };
 
     explicit MainAppClient(const Options& options);
@@ -46,6 +48,7 @@ private:
     QString serverPath() const;
     bool peerIsOurUser();
     bool connectToDaemon(int timeoutMs);
+    bool startDaemon();
     void sendLogin();
     void send(const QByteArray& bytes);
     void handleCommand(const QByteArray& line);
