@@ -3,12 +3,37 @@
 // The push server and the two HTTP services of a MsgClient, all local stand-ins on 127.0.0.1
 // ports picked by the system, and clients wired to them with scaled-down intervals.
 
+#include "core/data.h"
+#include "core/datacenter.h"
 #include "httpstub.h"
 #include "push/client.h"
 #include "pushstub.h"
 
 #include <QStringList>
+#include <QtTest>
 #include <memory>
+
+// The login record with a user id and these cookies; the logout record; the pending membership.
+inline void setLogin(const QMap<QString, QString>& cookies)
+{
+    CLoginInfor info;
+    info.cookies = cookies;
+    info.userId = "4242";
+    DataCenter::getInstance()->SetLoginInfor(info);
+}
+inline CLogoutInfor logoutRecord()
+{
+    CLogoutInfor info;
+    DataCenter::getInstance()->GetLogoutInfor(info);
+    return info;
+}
+inline QPair<int, qint64> vipInfor()
+{
+    int level = 0;
+    qint64 expire = 0;
+    DataCenter::getInstance()->GetVipInfor(level, expire);
+    return {level, expire};
+}
 
 class PushServices
 {
@@ -68,6 +93,13 @@ public:
         std::unique_ptr<MsgClient> client(new MsgClient(nullptr, times));
         client->setServiceUrls(http.baseUrl() + kAddressPath, http.baseUrl() + kSsoPath);
         return client;
+    }
+    // A client at its running step; a test that waits for it in vain has failed.
+    std::unique_ptr<MsgClient> running(const MsgClientTimes& times = fastTimes())
+    {
+        std::unique_ptr<MsgClient> started = client(times);
+        [&] { QTRY_COMPARE_WITH_TIMEOUT(started->process(), 4, 10000); }();
+        return started;
     }
     int requestsTo(const QByteArray& path) const
     {
