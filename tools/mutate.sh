@@ -105,9 +105,14 @@ prepare() {
         rm -rf "$fresh"
         copy_tree "$fresh"
         (cd "$fresh" && find . -type f) | while read -r f; do
-            cmp -s "$fresh/$f" "$w/tree/$f" || { mkdir -p "$(dirname "$w/tree/$f")"; cp "$fresh/$f" "$w/tree/$f"; }
-        done
+            if ! cmp -s "$fresh/$f" "$w/tree/$f"; then
+                mkdir -p "$(dirname "$w/tree/$f")"
+                cp "$fresh/$f" "$w/tree/$f"
+                echo "$f"
+            fi
+        done >"$scratch/changed$1"
         rm -rf "$fresh"
+        [ -s "$scratch/changed$1" ] && rm -f "$scratch/times"
     fi
     cmake --build "$w/tree/build" -j2 >"$log/w$1-build.txt" 2>&1 || return 1
     make_runners "$w/tree/build"
@@ -126,7 +131,10 @@ for w in $(seq 1 "$jobs"); do
 done
 b1=$scratch/w1/tree/build
 names=$(cd "$b1/runners" && ls | grep -E "${tests:-.}")
-: >"$scratch/times"
+# The times of an earlier run of the same sources and tests are reused.
+[ -f "$scratch/times" ] && [ "$(awk '{print $2}' "$scratch/times" | sort)" = "$(echo "$names" | sort)" ] &&
+    names=""
+[ -n "$names" ] && : >"$scratch/times"
 for n in $names; do
     start=$(date +%s%N)
     if ! run_test 1 "$n" 600; then
@@ -137,8 +145,21 @@ for n in $names; do
     printf '%s %s\n' "$(awk -v a="$start" -v b="$(date +%s%N)" 'BEGIN {printf "%.1f", (b - a) / 1e9}')" "$n" >>"$scratch/times"
 done
 order=$(sort -n "$scratch/times" | awk '{print $2}')
-echo "baseline passes; tests, quickest first:"
+echo "baseline passes (or is reused); tests, quickest first:"
 sort -n "$scratch/times" | awk '{printf "  %6.1fs %s\n", $1, $2}'
+
+# The tests that look at a folder's code most closely run first for a fault in it.
+first_tests() {
+    case "$1" in
+    src/core/*) echo "tst_datacenter tst_log" ;;
+    src/cipher/*) echo "tst_stringencrypt tst_cipher_fake tst_cipher_nolib tst_msgclientcodec" ;;
+    src/web/*) echo "tst_requesthttps" ;;
+    src/push/*) echo "tst_msgclientcodec tst_cipher_fake tst_msgclient" ;;
+    src/threads/*) echo "tst_threadmanager tst_mainappdetect tst_networkdetect tst_clientthread" ;;
+    src/link/*) echo "tst_adapter tst_daemon" ;;
+    src/*) echo "tst_daemon" ;;
+    esac
+}
 
 # Plants fault $2 (a line of the list, numbered $3) in worker $1 and reports the verdict.
 mutate_one() {
@@ -166,8 +187,9 @@ open(p, "w").write(s)' "$path"
             if ! cmake --build "$tree/build" --target d627lib >"$log/w$w-mbuild.txt" 2>&1; then
                 verdict=nobuild
             else
-                local t lim
-                for t in $order; do
+                local t lim first
+                first=$(for t in $(first_tests "$file"); do echo "$order" | grep -x "$t"; done)
+                for t in $first $(echo "$order" | grep -vxF "$first"); do
                     if ! cmake --build "$tree/build" --target "$(target_of "$t")" \
                         >>"$log/w$w-mbuild.txt" 2>&1; then
                         verdict=nobuild
