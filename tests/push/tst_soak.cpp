@@ -1,8 +1,7 @@
-// Soak: one MsgClient against a real push server (PushStub) and real HTTP services (HttpStub),
-// all on 127.0.0.1 and on the test thread, with the intervals scaled down. Each cycle drops the
-// connection (status check, back-off, address lookup, reconnection up to the running step) and
-// sends a notice (query, status check). Afterwards the process holds the same file descriptors
-// and live QObjects as before, and its resident memory has not grown.
+// Soak: one MsgClient against a real push server and real HTTP services on 127.0.0.1, on the
+// test thread, intervals scaled down. Each cycle drops the connection (status check, back-off,
+// address lookup, reconnection to the running step) and sends a notice (query, status check).
+// Afterwards fds and live QObjects are as before and resident memory has not grown.
 
 #include "core/data.h"
 #include "core/datacenter.h"
@@ -10,50 +9,24 @@
 #include "push/client.h"
 #include "pushstub.h"
 
-#include <QDeadlineTimer>
-#include <QDir>
-#include <QEventLoop>
-#include <QFile>
 #include <QtTest>
 #include <atomic>
-#include <functional>
 #include <malloc.h>
-#include <memory>
 #include <unistd.h>
 
-// QtCore's hook table (declared in its private qhooks_p.h): entries 3 and 4 are called for
-// every QObject made and destroyed, on any thread; entry 2 holds the Qt version.
+// QtCore's hook table (private qhooks_p.h): 2 Qt version, 3/4 every QObject made/destroyed.
 extern Q_CORE_EXPORT quintptr qtHookData[];
 
 namespace {
-enum
-{
-    kHookQtVersion = 2,
-    kHookAddQObject = 3,
-    kHookRemoveQObject = 4
-};
-std::atomic<int> g_liveObjects{0};
-void objectAdded(QObject*)
-{
-    ++g_liveObjects;
-}
-void objectRemoved(QObject*)
-{
-    --g_liveObjects;
-}
+std::atomic<int> g_objects{0};
+qint64 g_now = 0;
 
-qint64 g_now = 1700000000;
-qint64 fakeNow()
-{
-    return g_now += 100; // always a quiet spell: the back-off stays at one (scaled) second
-}
-
-// Runs an event loop (as the client thread does) until done() holds; false after timeoutMs.
-bool runUntil(const std::function<bool()>& done, int timeoutMs)
+// Runs an event loop, as the client thread does, until done() holds or timeoutMs passed.
+bool runUntil(const std::function<bool()>& done, int timeoutMs = 20000)
 {
     QEventLoop loop;
     QTimer poll;
-    QDeadlineTimer deadline(timeoutMs);
+    const QDeadlineTimer deadline(timeoutMs);
     QObject::connect(&poll, &QTimer::timeout, [&] {
         if (done() || deadline.hasExpired())
             loop.quit();
@@ -65,16 +38,16 @@ bool runUntil(const std::function<bool()>& done, int timeoutMs)
 
 int openFds()
 {
-    return QDir("/proc/self/fd").entryList(QDir::NoDotAndDotDot | QDir::AllEntries).size();
+    return QDir("/proc/self/fd")
+        .entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot)
+        .size();
 }
 
-// Resident memory once the allocator has handed its free pages back.
-qint64 residentKb()
+qint64 residentKb() // once the allocator has handed its free pages back
 {
     malloc_trim(0);
     QFile statm("/proc/self/statm");
-    if (!statm.open(QIODevice::ReadOnly))
-        return -1;
+    statm.open(QIODevice::ReadOnly);
     return statm.readAll().split(' ').value(1).toLongLong() * sysconf(_SC_PAGESIZE) / 1024;
 }
 } // namespace
@@ -83,108 +56,75 @@ class tst_Soak : public QObject
 {
     Q_OBJECT
 private slots:
-    void initTestCase();
-    void soak_data();
     void soak();
-
-private:
-    // Drops the connection and sends a notice; false when the client did not come back.
-    bool cycle(MsgClient& client);
-
-    HttpStub m_http;
-    PushStub m_push;
-    int m_statusChecks = 0;
-    int m_queries = 0;
 };
 
-void tst_Soak::initTestCase()
+void tst_Soak::soak()
 {
-    QCOMPARE(qtHookData[kHookQtVersion], quintptr(QT_VERSION));
-    qtHookData[kHookAddQObject] = reinterpret_cast<quintptr>(&objectAdded);
-    qtHookData[kHookRemoveQObject] = reinterpret_cast<quintptr>(&objectRemoved);
-    MsgClient::setBackoffClock(fakeNow);
+    QCOMPARE(qtHookData[2], quintptr(QT_VERSION));
+    qtHookData[3] = reinterpret_cast<quintptr>(+[](QObject*) { ++g_objects; });
+    qtHookData[4] = reinterpret_cast<quintptr>(+[](QObject*) { --g_objects; });
+    MsgClient::setBackoffClock([] { return g_now += 100; }); // quiet: one (scaled) second
     CLoginInfor login;
     login.cookies.insert("cookie", "USERSESSIONID=u;");
     login.userId = "4242";
     DataCenter::getInstance()->SetLoginInfor(login);
-    QVERIFY(m_push.listen(0));
-    QVERIFY(m_http.listen(0));
-    m_http.route("/get_tcp_server", [this](const HttpStubRequest&) {
-        return HttpStubResponse::json(R"({"state":1,"data":{"server":[")" + m_push.address() +
+    PushStub push;
+    HttpStub http;
+    QVERIFY(push.listen(0) && http.listen(0));
+    int checks = 0;
+    int queries = 0;
+    http.route("/address", [&](const HttpStubRequest&) {
+        return HttpStubResponse::json(R"({"state":1,"data":{"server":[")" + push.address() +
                                       "\"]}}");
     });
-    m_http.route("/sso", [this](const HttpStubRequest&) {
-        ++m_statusChecks;
+    http.route("/sso", [&](const HttpStubRequest&) {
+        ++checks;
         return HttpStubResponse::json(R"({"state":0,"message":""})");
     });
-    connect(&m_push, &PushStub::frameReceived, this,
-            [this](const PushFrame& frame) { m_queries += frame.isQuery() ? 1 : 0; });
-}
+    connect(&push, &PushStub::frameReceived, [&](const PushFrame& f) { queries += f.isQuery(); });
 
-bool tst_Soak::cycle(MsgClient& client)
-{
-    const int accepted = m_push.acceptedCount();
-    const int checks = m_statusChecks;
-    m_push.dropConnections();
-    if (!runUntil(
-            [&] {
-                return m_push.acceptedCount() == accepted + 1 && client.process() == 4 &&
-                       m_statusChecks == checks + 1 && m_queries > 0;
-            },
-            20000))
-        return false;
-    // The notice asks for a query; its answer is not parsed and prompts a status check.
-    const int queries = m_queries;
-    m_push.sendNotice(42);
-    const bool done =
-        runUntil([&] { return m_queries == queries + 1 && m_statusChecks == checks + 2; }, 20000);
-    // The stand-ins keep what they saw; forget it so that only the client could grow.
-    m_push.clearFrames();
-    m_http.clearRequests();
-    return done;
-}
-
-void tst_Soak::soak_data()
-{
-    QTest::addColumn<int>("warmUp");
-    QTest::addColumn<int>("cycles");
-    QTest::newRow("1000 reconnections, notices and status checks") << 100 << 1000;
-}
-
-void tst_Soak::soak()
-{
-    QFETCH(int, warmUp);
-    QFETCH(int, cycles);
     MsgClientTimes times;
-    times.stepMs = 1;
+    times.stepMs = times.backoffSecondMs = 1;
     times.netErrorMs = 100;
     times.socketWaitMs = 5000;
-    times.backoffSecondMs = 1;
     MsgClient client(nullptr, times);
-    client.setServiceUrls(m_http.baseUrl() + "/get_tcp_server", m_http.baseUrl() + "/sso");
-    QTRY_COMPARE_WITH_TIMEOUT(client.process(), 4, 20000);
-
-    for (int i = 0; i < warmUp; ++i)
-        QVERIFY2(cycle(client), qPrintable(QString("warm-up cycle %1").arg(i)));
-    // Each count is read when the client is running on one connection, with the objects that
-    // were handed to deleteLater gone.
+    client.setServiceUrls(http.baseUrl() + "/address", http.baseUrl() + "/sso");
+    auto cycle = [&] {
+        const int accepted = push.acceptedCount();
+        const int checksBefore = checks;
+        push.dropConnections();
+        const bool back = runUntil([&] {
+            return push.acceptedCount() == accepted + 1 && client.process() == 4 &&
+                   checks == checksBefore + 1 && queries > 0;
+        });
+        // The notice's query is answered; the answer is not parsed and prompts a status check.
+        const int queriesBefore = queries;
+        push.sendNotice(42);
+        const bool noticed =
+            runUntil([&] { return queries == queriesBefore + 1 && checks == checksBefore + 2; });
+        push.clearFrames(); // so that only the client could grow
+        http.clearRequests();
+        return back && noticed;
+    };
+    QVERIFY(runUntil([&] { return client.process() == 4; }));
+    for (int i = 0; i < 100; ++i) // warm-up
+        QVERIFY2(cycle(), qPrintable(QString("warm-up cycle %1").arg(i)));
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     const int fds = openFds();
-    const int objects = g_liveObjects;
+    const int objects = g_objects;
     const qint64 rss = residentKb();
-    const int checksBefore = m_statusChecks;
-
+    const int checksBefore = checks;
+    const int cycles = 1000;
     for (int i = 0; i < cycles; ++i)
-        QVERIFY2(cycle(client), qPrintable(QString("cycle %1").arg(i)));
-    const int statusChecks = m_statusChecks - checksBefore;
+        QVERIFY2(cycle(), qPrintable(QString("cycle %1").arg(i)));
     QTRY_COMPARE_WITH_TIMEOUT(openFds(), fds, 10000);
-    QTRY_COMPARE_WITH_TIMEOUT(g_liveObjects.load(), objects, 10000);
+    QTRY_COMPARE_WITH_TIMEOUT(g_objects.load(), objects, 10000);
     const qint64 growth = residentKb() - rss;
     qInfo("soak: %d drop-and-reconnect cycles, %d notices, %d status checks; fds %d -> %d, "
-          "QObjects %d -> %d, RSS %lld kB -> %lld kB (growth %lld kB)",
-          cycles, cycles, statusChecks, fds, openFds(), objects, g_liveObjects.load(), rss,
-          rss + growth, growth);
-    QVERIFY(statusChecks >= 2 * cycles);
+          "QObjects %d -> %d, RSS growth %lld kB",
+          cycles, cycles, checks - checksBefore, fds, openFds(), objects, g_objects.load(), growth);
+    QVERIFY(checks - checksBefore == 2 * cycles);
     QVERIFY2(growth < 64, qPrintable(QString("RSS grew by %1 kB").arg(growth)));
 }
 
