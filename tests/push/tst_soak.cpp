@@ -72,8 +72,8 @@ void tst_Soak::soak()
     PushStub push;
     HttpStub http;
     QVERIFY(push.listen(0) && http.listen(0));
-    int checks = 0;
-    int queries = 0;
+    std::atomic<int> checks{0}; // changed by the handlers below
+    std::atomic<int> queries{0};
     http.route("/address", [&](const HttpStubRequest&) {
         return HttpStubResponse::json(R"({"state":1,"data":{"server":[")" + push.address() +
                                       "\"]}}");
@@ -123,8 +123,9 @@ void tst_Soak::soak()
     const qint64 growth = residentKb() - rss;
     qInfo("soak: %d drop-and-reconnect cycles, %d notices, %d status checks; fds %d -> %d, "
           "QObjects %d -> %d, RSS growth %lld kB",
-          cycles, cycles, checks - checksBefore, fds, openFds(), objects, g_objects.load(), growth);
-    QVERIFY(checks - checksBefore == 2 * cycles);
+          cycles, cycles, checks.load() - checksBefore, fds, openFds(), objects, g_objects.load(),
+          growth);
+    QVERIFY(checks.load() - checksBefore == 2 * cycles);
     QVERIFY2(growth < 64, qPrintable(QString("RSS grew by %1 kB").arg(growth)));
 }
 
