@@ -255,6 +255,7 @@ void PushStub::onNewConnection()
 {
     while (m_server && m_server->hasPendingConnections()) {
         QTcpSocket* socket = m_server->nextPendingConnection();
+        socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
         auto* connection = new Connection(socket, ++m_accepted);
         const int number = connection->number;
         m_connections.insert(number, connection);
