@@ -293,11 +293,17 @@ void tst_Faults::faults()
     QFETCH(int, then);
     ++m_played;
 
-    const int connections = h.sandboxCount("client connected");
-    const int runs = h.logCount(kRunning);
+    if (!start.isEmpty() && h.daemon().state() != QProcess::NotRunning)
+        QVERIFY(h.exitDaemon());
+    const auto daemonOut = [&]() {
+        QFile file(h.dir() + "/daemon.out");
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    };
+    // What was there before: a daemon of its own may react before start() returns.
+    int lines = h.sandboxCount("");
+    QByteArray log = h.daemonLog();
+    QByteArray out = daemonOut();
     if (!start.isEmpty()) {
-        if (h.daemon().state() != QProcess::NotRunning)
-            QVERIFY(h.exitDaemon());
         QVERIFY2(startOwn(start), "the daemon did not start");
         if (h.daemon().state() == QProcess::NotRunning) { // TMPDIR: no socket, ended at once
             QCOMPARE(h.daemon().exitStatus(), QProcess::NormalExit);
@@ -305,17 +311,14 @@ void tst_Faults::faults()
             return;
         }
     } else if (h.daemon().state() == QProcess::NotRunning) {
+        const int connections = h.sandboxCount("client connected");
+        const int runs = h.logCount(kRunning);
         QVERIFY(h.startDaemonAndLogin());
         QVERIFY2(running(connections, runs), "the shared daemon did not reach the running step");
+        lines = h.sandboxCount("");
+        log = h.daemonLog();
+        out = daemonOut();
     }
-
-    const int lines = h.sandboxCount("");
-    const QByteArray log = h.daemonLog();
-    const auto daemonOut = [&]() {
-        QFile file(h.dir() + "/daemon.out");
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    };
-    const QByteArray out = daemonOut();
     const int mark = h.sandboxCount("client connected");
     const int markRuns = h.logCount(kRunning);
     for (const QString& action : play)

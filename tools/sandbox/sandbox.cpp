@@ -496,6 +496,8 @@ QByteArray Sandbox::faultControl(const QByteArray& command, const Params& params
         else if (!len.isEmpty())
             length = len.toLongLong();
         const QByteArray magic = params.value("magic", "JOOS");
+        if (magic.size() != 4)
+            return failure("magic is four letters, e.g. JOOS or KOOS");
         pushwire::appendLe32(bytes, pushwire::readLe32(magic, 0));
         pushwire::appendLe32(bytes, params.value("seq", "1").toUInt());
         bytes.append(char(z ? 1 : 0)).append(3, '\0');
