@@ -1,13 +1,11 @@
 #pragma once
 
-// Files' permission bits and processes of another user for the owner-only tests. A child
-// forked by asOtherUser() uses plain system calls only, and ends with _exit.
+// Permission bits, and child processes of user 65534 talking over local sockets. A child uses
+// plain system calls only and ends with _exit; alarm() ends it if a test leaves it behind.
 
 #include <QByteArray>
 #include <QFile>
-#include <QString>
 #include <cerrno>
-#include <csignal>
 #include <grp.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -18,16 +16,21 @@
 
 namespace ownership {
 constexpr uid_t kNobody = 65534;
-constexpr int kCannotSwitch = 90; // exit code of a child that could not become kNobody
+enum Result
+{
+    kClosed,
+    kRefused,
+    kFailed,
+    kStillOpen,
+    kCannotSwitch = 90
+};
 
 inline int mode(const QString& path)
 {
     struct stat info = {};
-    return ::lstat(QFile::encodeName(path).constData(), &info) == 0 ? int(info.st_mode & 07777)
-                                                                    : -1;
+    return ::lstat(QFile::encodeName(path).constData(), &info) == 0 ? int(info.st_mode & 0777) : -1;
 }
 
-// Forks a child that drops to user and group kNobody and runs body; returns its pid.
 template <typename Body> pid_t asOtherUser(Body body)
 {
     const pid_t pid = ::fork();
@@ -47,52 +50,48 @@ inline int waitExit(pid_t pid)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
 }
 
-inline int unixSocket(const QByteArray& path, sockaddr_un& address)
+inline bool canSwitch()
 {
-    address = {};
-    address.sun_family = AF_UNIX;
-    qstrncpy(address.sun_path, path.constData(), sizeof address.sun_path);
-    return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    return ::geteuid() == 0 && waitExit(asOtherUser([]() { return 0; })) == 0;
 }
 
-// Reads until the peer closes; returns the number of bytes read, or -1 after 30 s.
+// Reads until the peer closes: the number of bytes read, or -1 when it stays open 30 s.
 inline int readToEnd(int fd)
 {
     int total = 0;
     char buffer[256];
     pollfd entry{fd, POLLIN, 0};
-    while (::poll(&entry, 1, 30000) > 0) {
-        const ssize_t got = ::read(fd, buffer, sizeof buffer);
-        if (got <= 0)
-            return total;
-        total += int(got);
+    for (ssize_t got = 1; got > 0; total += int(got)) {
+        if (::poll(&entry, 1, 30000) <= 0)
+            return -1;
+        got = qMax<ssize_t>(::read(fd, buffer, sizeof buffer), 0);
     }
-    return -1;
+    return total;
 }
 
-// Child body: connects to path and sends bytes. 0: the peer closed the link; 1: connect was
-// refused for lack of permission; 2: connect failed otherwise; 3: the link stayed open.
+// Child body: connects to the socket file at path and sends bytes; a Result.
 inline int connectAndSend(const QByteArray& path, const QByteArray& bytes)
 {
-    sockaddr_un address;
-    const int fd = unixSocket(path, address);
+    sockaddr_un address{AF_UNIX, {}};
+    qstrncpy(address.sun_path, path.constData(), sizeof address.sun_path);
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
     if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
-        return errno == EACCES ? 1 : 2;
+        return errno == EACCES ? kRefused : kFailed;
     ::send(fd, bytes.constData(), size_t(bytes.size()), MSG_NOSIGNAL);
-    return readToEnd(fd) == 0 ? 0 : 3;
+    return readToEnd(fd) == 0 ? kClosed : kStillOpen;
 }
 
-// Child body: listens on path, takes one connection and returns how many bytes it sent before
-// closing (capped at 50), or 60 when none came or it did not close.
+// Child body: serves one connection at path; the bytes it got before it closed (at most 50),
+// or kCannotSwitch - 1 when it failed or stayed open.
 inline int listenAndCount(const QByteArray& path)
 {
-    sockaddr_un address;
-    const int fd = unixSocket(path, address);
+    sockaddr_un address{AF_UNIX, {}};
+    qstrncpy(address.sun_path, path.constData(), sizeof address.sun_path);
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
     if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         ::listen(fd, 4) != 0)
-        return 61;
-    const int client = ::accept(fd, nullptr, nullptr);
-    const int count = client < 0 ? -1 : readToEnd(client);
-    return count < 0 ? 60 : qMin(count, 50);
+        return kCannotSwitch - 1;
+    const int count = readToEnd(::accept(fd, nullptr, nullptr));
+    return count < 0 ? kCannotSwitch - 1 : qMin(count, 50);
 }
 } // namespace ownership
