@@ -195,7 +195,6 @@ void tst_Log::ownerOnly_data()
     QTest::addColumn<int>("mask");
     QTest::addColumn<bool>("looseFoldersLeft");
     QTest::newRow("umask 022") << 022 << false;
-    QTest::newRow("umask 0") << 0 << false;
     QTest::newRow("umask 0, folders left 0777") << 0 << true;
 }
 

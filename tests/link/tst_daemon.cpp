@@ -207,8 +207,6 @@ void tst_Daemon::otherUser_closedUnreadWhileUserIsServed()
     socket.write(R"({"user_id":"","loglevel":1})");
     socket.flush();
     QTRY_VERIFY(logText().contains("OnReadyRead data is"));
-    QCOMPARE(ownership::mode(m_dir->path() + "/Documents/627log"), 0700);
-    QCOMPARE(ownership::mode(m_dir->path() + "/Documents/627log/support"), 0700);
     QCOMPARE(ownership::mode(logPath()), 0600);
     QCOMPARE(ownership::mode(socketPath()), 0700);
 
