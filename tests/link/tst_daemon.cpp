@@ -211,7 +211,7 @@ void tst_Daemon::otherUser_closedUnreadWhileUserIsServed()
     QCOMPARE(ownership::mode(socketPath()), 0700);
 
     const QByteArray path = QFile::encodeName(socketPath()), exit = R"({"exit":true})";
-    const auto intrude = [&]() { return ownership::connectAndSend(path, exit); };
+    const auto intrude = [&]() { return ownership::talk(path, &exit); };
     QCOMPARE(ownership::waitExit(ownership::asOtherUser(intrude)), ownership::kRefused);
     // Even through a socket file open to all, the peer's user id shuts it out.
     QCOMPARE(::chmod(path.constData(), 0777), 0);
@@ -255,8 +255,7 @@ void tst_Daemon::mainApp_privateTmpDir()
             ::chown(QFile::encodeName(tmp).constData(), ownership::kNobody, ownership::kNobody), 0);
     const QByteArray socket = QFile::encodeName(tmp + "/" + kInstanceId);
     const pid_t impostor =
-        foreign == 2 ? ownership::asOtherUser([&]() { return ownership::listenAndCount(socket); })
-                     : 0;
+        foreign == 2 ? ownership::asOtherUser([&]() { return ownership::talk(socket); }) : 0;
     QTRY_VERIFY(!impostor || QFile::exists(socket));
 
     QProcess mainApp;
@@ -272,7 +271,8 @@ void tst_Daemon::mainApp_privateTmpDir()
     if (foreign) {
         QTRY_COMPARE_WITH_TIMEOUT(mainApp.state(), QProcess::NotRunning, 5000);
         QCOMPARE(mainApp.exitCode(), 1);
-        QVERIFY2(!impostor || ownership::waitExit(impostor) == 0, "the impostor got bytes");
+        QVERIFY2(!impostor || ownership::waitExit(impostor) == ownership::kClosed,
+                 "the impostor got bytes");
         return;
     }
     const QString lockFile = tmp + "/d627_" + kInstanceId + "-lockfile";

@@ -1,7 +1,7 @@
 #pragma once
 
-// Permission bits, and child processes of user 65534 talking over local sockets. A child uses
-// plain system calls only and ends with _exit; alarm() ends it if a test leaves it behind.
+// Permission bits, and children of user 65534 on local sockets: a child makes plain system
+// calls only and ends with _exit (alarm() ends one that a failed test leaves behind).
 
 #include <QByteArray>
 #include <QFile>
@@ -21,7 +21,6 @@ enum Result
     kClosed,
     kRefused,
     kFailed,
-    kStillOpen,
     kCannotSwitch = 90
 };
 
@@ -34,20 +33,19 @@ inline int mode(const QString& path)
 template <typename Body> pid_t asOtherUser(Body body)
 {
     const pid_t pid = ::fork();
-    if (pid != 0)
-        return pid;
-    ::alarm(60);
-    if (::setgroups(0, nullptr) != 0 || ::setgid(kNobody) != 0 || ::setuid(kNobody) != 0)
-        ::_exit(kCannotSwitch);
-    ::_exit(body());
+    if (pid == 0) {
+        ::alarm(60);
+        if (::setgroups(0, nullptr) != 0 || ::setgid(kNobody) != 0 || ::setuid(kNobody) != 0)
+            ::_exit(kCannotSwitch);
+        ::_exit(body());
+    }
+    return pid;
 }
 
 inline int waitExit(pid_t pid)
 {
     int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 100 + WTERMSIG(status);
+    return ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 inline bool canSwitch()
@@ -55,43 +53,27 @@ inline bool canSwitch()
     return ::geteuid() == 0 && waitExit(asOtherUser([]() { return 0; })) == 0;
 }
 
-// Reads until the peer closes: the number of bytes read, or -1 when it stays open 30 s.
-inline int readToEnd(int fd)
-{
-    int total = 0;
-    char buffer[256];
-    pollfd entry{fd, POLLIN, 0};
-    for (ssize_t got = 1; got > 0; total += int(got)) {
-        if (::poll(&entry, 1, 30000) <= 0)
-            return -1;
-        got = qMax<ssize_t>(::read(fd, buffer, sizeof buffer), 0);
-    }
-    return total;
-}
-
-// Child body: connects to the socket file at path and sends bytes; a Result.
-inline int connectAndSend(const QByteArray& path, const QByteArray& bytes)
+// Child body. With bytes: connects to the socket file at path and sends them; kClosed when the
+// peer then closes the link. Without: listens at path; kClosed when its one client closes the
+// link without sending a byte. kFailed on anything else, or after 30 s.
+inline int talk(const QByteArray& path, const QByteArray* bytes = nullptr)
 {
     sockaddr_un address{AF_UNIX, {}};
     qstrncpy(address.sun_path, path.constData(), sizeof address.sun_path);
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+    auto* at = reinterpret_cast<sockaddr*>(&address);
+    int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    if (bytes && ::connect(fd, at, sizeof address) != 0)
         return errno == EACCES ? kRefused : kFailed;
-    ::send(fd, bytes.constData(), size_t(bytes.size()), MSG_NOSIGNAL);
-    return readToEnd(fd) == 0 ? kClosed : kStillOpen;
-}
-
-// Child body: serves one connection at path; the bytes it got before it closed (at most 50),
-// or kCannotSwitch - 1 when it failed or stayed open.
-inline int listenAndCount(const QByteArray& path)
-{
-    sockaddr_un address{AF_UNIX, {}};
-    qstrncpy(address.sun_path, path.constData(), sizeof address.sun_path);
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(fd, 4) != 0)
-        return kCannotSwitch - 1;
-    const int count = readToEnd(::accept(fd, nullptr, nullptr));
-    return count < 0 ? kCannotSwitch - 1 : qMin(count, 50);
+    if (bytes)
+        ::send(fd, bytes->constData(), size_t(bytes->size()), MSG_NOSIGNAL);
+    else if (::bind(fd, at, sizeof address) != 0 || ::listen(fd, 1) != 0 ||
+             (fd = ::accept(fd, nullptr, nullptr)) < 0)
+        return kFailed;
+    char buffer[256];
+    ssize_t total = 0, got = 1;
+    pollfd entry{fd, POLLIN, 0};
+    while (::poll(&entry, 1, 30000) > 0 && (got = ::read(fd, buffer, sizeof buffer)) > 0)
+        total += got;
+    return got <= 0 && (bytes || total == 0) ? kClosed : kFailed;
 }
 } // namespace ownership
