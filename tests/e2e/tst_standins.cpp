@@ -495,8 +495,8 @@ void TstStandins::pushRoundTripWithDaemonCodec()
 
     // Two responses (the second one compressed) and the heartbeat echo, opened by the daemon's
     // decoder.
-    QByteArray expected[] = {"{\"code\":0,\"msg\":\"login ok\"}",
-                             "{\"code\":0,\"data\":{\"list\":[" + large + "{}]}}"};
+    const QByteArray expected[] = {"{\"code\":0,\"msg\":\"login ok\"}",
+                                   "{\"code\":0,\"data\":{\"list\":[" + large + "{}]}}"};
     for (int i = 0; i < 2; ++i) {
         QTRY_VERIFY_WITH_TIMEOUT(client.read().size() >= 16, 3000);
         const QByteArray head = client.buffer.left(16);
