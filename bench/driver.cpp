@@ -457,7 +457,7 @@ int growth(const Options& o, Services& services)
         // A quiet spell of more than 5 whole seconds since the last reconnection keeps the
         // back-off at 1 s; the connection has been in its running step for over a second.
         // The random part spreads the drops over the phase of the 200 ms tick.
-        const int quiet = 6100 + int(QRandomGenerator::global()->bounded(400));
+        const int quiet = 6100 + int(QRandomGenerator::global()->bounded(200));
         waitUntil([&] { return nowMs() - lastDrop > quiet; }, 10000);
         const bool avatar = cycle < o.avatars;
         if (avatar) {
