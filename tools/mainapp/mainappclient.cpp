@@ -62,6 +62,11 @@ bool MainAppClient::startDaemon()
     QProcess daemon;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("TMPDIR", m_options.tmpDir);
+    if (!m_options.libraryPath.isEmpty()) {
+        const QString old = environment.value("LD_LIBRARY_PATH");
+        environment.insert("LD_LIBRARY_PATH",
+                           m_options.libraryPath + (old.isEmpty() ? "" : ":" + old));
+    }
     daemon.setProcessEnvironment(environment);
     daemon.setProgram(m_options.daemonPath);
     return daemon.startDetached();
@@ -126,19 +131,6 @@ bool MainAppClient::connectToDaemon(int timeoutMs)
         QThread::msleep(50);
     } while (timer.elapsed() < timeoutMs);
     return false;
-}
-
-bool MainAppClient::startDaemon()
-{
-    QProcess daemon;
-    daemon.setProgram(m_options.daemonPath);
-    if (!m_options.libraryPath.isEmpty()) {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        const QString old = env.value("LD_LIBRARY_PATH");
-        env.insert("LD_LIBRARY_PATH", m_options.libraryPath + (old.isEmpty() ? "" : ":" + old));
-        daemon.setProcessEnvironment(env);
-    }
-    return daemon.startDetached();
 }
 
 void MainAppClient::sendLogin()

@@ -48,7 +48,6 @@ private:
     QString serverPath() const;
     bool peerIsOurUser();
     bool connectToDaemon(int timeoutMs);
-    bool startDaemon();
     void sendLogin();
     void send(const QByteArray& bytes);
     void handleCommand(const QByteArray& line);
