@@ -130,6 +130,24 @@ Sample sample(qint64 pid)
     return s;
 }
 
+// Resident kB of the cipher library (the stand-in and its libsodium) and of LZ4: what the
+// definition makes the daemon load beyond Qt.
+double libraryRssKb(qint64 pid)
+{
+    double kb = 0;
+    bool counted = false;
+    const QList<QByteArray> lines = readFile(QString("/proc/%1/smaps").arg(pid)).split('\n');
+    for (const QByteArray& line : lines) {
+        const QByteArray first = line.left(line.indexOf(' '));
+        if (first.contains('-') && !first.endsWith(':')) // a mapping's header line
+            counted =
+                line.contains("libec627") || line.contains("libsodium") || line.contains("liblz4");
+        else if (counted && line.startsWith("Rss:"))
+            kb += line.mid(4).trimmed().split(' ')[0].toDouble();
+    }
+    return kb;
+}
+
 // The remote services and their stamps.
 class Services : public QObject
 {
@@ -142,6 +160,8 @@ public:
     int firstAnswers = 0; // answers to them sent
     double firstQueryMs = 0;
     double firstAnswerMs = 0;
+    int statusChecks = 0; // status requests answered
+    double statusAnsweredMs = 0;
 
     bool start()
     {
@@ -149,8 +169,11 @@ public:
             return HttpStubResponse::json("{\"state\":1,\"data\":{\"server\":[\"" + push.address() +
                                           "\"]}}");
         });
-        http.route("/app/1.0/linux/5.0.1/check/sso",
-                   [](const HttpStubRequest&) { return HttpStubResponse::json("{\"state\":0}"); });
+        http.route("/app/1.0/linux/5.0.1/check/sso", [this](const HttpStubRequest&) {
+            statusAnsweredMs = nowMs();
+            ++statusChecks;
+            return HttpStubResponse::json("{\"state\":0}");
+        });
         push.setRequestHandler([this](const PushFrame& frame) {
             QJsonArray list;
             if (frame.isQuery() && frame.requestIndex == 0) {
@@ -360,9 +383,10 @@ int footprint(const Options& o, Services& services)
     const double tick = double(sysconf(_SC_CLK_TCK));
     for (size_t i = 0; i < subjects.size(); ++i) {
         const Sample last = sample(subjects[i].pid);
-        std::printf("fp %s %.0f %d %.2f %.1f %d\n", subjects[i].name, median(rss[i]), last.threads,
-                    double(last.switches - first[i].switches) / seconds,
-                    double(last.cpuTicks - first[i].cpuTicks) * 1000.0 / tick, last.fds);
+        std::printf("fp %s %.0f %d %.2f %.1f %d %.0f\n", subjects[i].name, median(rss[i]),
+                    last.threads, double(last.switches - first[i].switches) / seconds,
+                    double(last.cpuTicks - first[i].cpuTicks) * 1000.0 / tick, last.fds,
+                    libraryRssKb(subjects[i].pid));
     }
     std::fflush(stdout);
     for (QLocalSocket* link : links)
@@ -382,16 +406,23 @@ int latency(const Options& o, Services& services)
         return 1;
     QProcess* tick = startProcess(o, o.floor, {"bare", "--tick", QString::number(o.count)}, "tick");
     std::vector<double> delays;
+    std::vector<double> chains; // notice sent -> status check answered: the daemon's own part
     for (int i = 0; i < o.count; ++i) {
-        // Random gaps spread the notices over the phase of the 200 ms tick.
-        pause(250 + int(QRandomGenerator::global()->bounded(300)));
+        // Random gaps over two whole tick periods spread the notices evenly over the phase of
+        // the 200 ms tick (each refresh arrives on a tick).
+        pause(250 + int(QRandomGenerator::global()->bounded(400)));
         const int before = session.app.vipCount;
+        const int checks = services.statusChecks;
         const double sent = nowMs();
         services.push.sendNotice(quint32(1000 + i));
-        if (waitUntil([&] { return session.app.vipCount > before; }, 5000))
+        if (waitUntil([&] { return session.app.vipCount > before; }, 5000)) {
             delays.push_back(session.app.vipMs - sent);
+            if (services.statusChecks > checks)
+                chains.push_back(services.statusAnsweredMs - sent);
+        }
     }
     printDistribution("lat notice", delays);
+    printDistribution("lat chain", chains);
     tick->waitForFinished(120000);
     const QByteArray floorLine = readFile(o.work + "/tick.out").trimmed();
     std::printf("lat %s\n", floorLine.isEmpty() ? "tick 0 0 0 0" : floorLine.constData());
@@ -425,7 +456,9 @@ int growth(const Options& o, Services& services)
             break;
         // A quiet spell of more than 5 whole seconds since the last reconnection keeps the
         // back-off at 1 s; the connection has been in its running step for over a second.
-        waitUntil([&] { return nowMs() - lastDrop > 6100; }, 10000);
+        // The random part spreads the drops over the phase of the 200 ms tick.
+        const int quiet = 6100 + int(QRandomGenerator::global()->bounded(200));
+        waitUntil([&] { return nowMs() - lastDrop > quiet; }, 10000);
         const bool avatar = cycle < o.avatars;
         if (avatar) {
             services.pending.append(QJsonObject{
@@ -484,8 +517,10 @@ int startup(const Options& o, Services& services)
         {
             MainApp app;
             QProcess* floor = nullptr;
-            const double ms = timeToAccept(o, o.floor, {"bare", "--listen", "bench-floor-start"},
-                                           "bench-floor-start", floor, app);
+            const QString lock = QDir::tempPath() + QString("/bench-floor-%1.lock").arg(i);
+            const double ms =
+                timeToAccept(o, o.floor, {"bare", "--listen", "bench-floor-start", "--lock", lock},
+                             "bench-floor-start", floor, app);
             if (ms >= 0)
                 floorMs.push_back(ms);
             stopProcess(floor);

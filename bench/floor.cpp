@@ -1,12 +1,13 @@
 // The floor: the least a Qt 5 process can do to play the daemon's part, for side-by-side
 // comparison with the real daemon (bench/run starts them in the same minute).
 //
-//   bench_floor bare    [--listen NAME] [--seconds S] [--tick N]
+//   bench_floor bare    [--listen NAME] [--lock PATH] [--seconds S] [--tick N]
 //   bench_floor network [--listen NAME] [--seconds S] --url URL --push HOST:PORT [--no-plugins]
 //
 // bare: the event loop of the main thread with the two timers the daemon must run (200 ms report
 // tick, 1000 ms alive check), a local server, and a second thread with its own event loop and the
-// 60 s heartbeat timer. Nothing else.
+// 60 s heartbeat timer. Nothing else. --lock: first takes a single-instance lock file, as the
+// daemon must before it listens (for the start-up comparison).
 // network: the same, plus in the second thread one QNetworkAccessManager request (a POST like
 // the address lookup; the manager is deleted afterwards, as the daemon does) and one held TCP
 // connection. --no-plugins clears the library paths first, so Qt loads no plugins at all.
@@ -18,6 +19,7 @@
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QLocalServer>
+#include <QLockFile>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QRandomGenerator>
@@ -105,6 +107,10 @@ int main(int argc, char** argv)
     if (args.contains("--no-plugins"))
         QCoreApplication::setLibraryPaths(QStringList());
     QCoreApplication app(argc, argv);
+
+    QLockFile lock(option(args, "--lock"));
+    if (args.contains("--lock") && !lock.tryLock(100))
+        return 1;
 
     QLocalServer server;
     const QString name = option(args, "--listen");
