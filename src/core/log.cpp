@@ -1,6 +1,7 @@
 #include "log.h"
 
 #include "datacenter.h"
+#include "sync.h"
 
 #include <QDateTime>
 #include <QDebug>
@@ -8,7 +9,9 @@
 #include <QStandardPaths>
 #include <cstdarg>
 #include <cstdio>
+#include <fcntl.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -19,6 +22,27 @@ constexpr time_t kRecycleSeconds = 3600;
 time_t systemClock()
 {
     return time(nullptr);
+}
+
+// The log may hold the session cookie: its folders are 0700 and its files 0600 whatever the
+// umask, and folders or files left by an earlier run with wider modes are tightened.
+void makeOwnerOnlyDir(const QString& path)
+{
+    const QByteArray native = QFile::encodeName(path);
+    ::mkdir(native.constData(), 0700);
+    ::chmod(native.constData(), 0700);
+}
+
+void openOwnerOnly(QFile& file)
+{
+    // Created (or tightened) here first, so that QFile only ever opens an owner-only file.
+    const int fd = ::open(QFile::encodeName(file.fileName()).constData(),
+                          O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+        ::fchmod(fd, 0600);
+        ::close(fd);
+    }
+    file.open(QIODevice::WriteOnly | QIODevice::Append);
 }
 } // namespace
 
@@ -50,22 +74,22 @@ void LogManager::init()
     if (DataCenter::getInstance()->GetLogLevel() == 0)
         return;
 
-    const QString dirPath =
-        QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) + "/627log/support/";
-    QDir dir(dirPath);
-    if (!dir.exists())
-        dir.mkpath(dirPath);
+    const QString documents = QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation);
+    const QString dirPath = documents + "/627log/support/";
+    QDir().mkpath(documents);
+    makeOwnerOnlyDir(documents + "/627log");
+    makeOwnerOnlyDir(dirPath);
 
     const QString name = QDateTime::currentDateTime().toString("MMdd_hhmmss_") +
                          QString::number(getpid()) + "_627.log";
 
-    QMutexLocker lock(&m_mutex);
+    Sync lock(&m_mutex);
     m_stream.setDevice(nullptr);
     m_file.close();
     m_fileName = dirPath + name;
     m_file.setFileName(m_fileName);
     m_stream.setDevice(&m_file);
-    m_file.open(QIODevice::WriteOnly | QIODevice::Append);
+    openOwnerOnly(m_file);
     m_isNewFile = true;
     m_fileCount = 0;
 }
@@ -93,7 +117,7 @@ void LogManager::write(const char* body)
     const QString line = QString::fromLocal8Bit(prefix) + QString::fromLocal8Bit(body);
     qDebug().noquote() << line;
 
-    QMutexLocker lock(&m_mutex);
+    Sync lock(&m_mutex);
     const time_t now = m_clock();
     if (m_isNewFile) {
         m_fileStart = now;
@@ -108,20 +132,20 @@ void LogManager::write(const char* body)
         m_file.close();
         m_file.setFileName(m_fileName);
         m_stream.setDevice(&m_file);
-        m_file.open(QIODevice::WriteOnly | QIODevice::Append);
+        openOwnerOnly(m_file);
     }
     m_stream << line << Qt::endl;
 }
 
 QString LogManager::fileName()
 {
-    QMutexLocker lock(&m_mutex);
+    Sync lock(&m_mutex);
     return m_fileName;
 }
 
 void LogManager::setClock(Clock clock)
 {
-    QMutexLocker lock(&m_mutex);
+    Sync lock(&m_mutex);
     m_clock = clock ? clock : systemClock;
 }
 

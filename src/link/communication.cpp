@@ -4,9 +4,23 @@
 
 #include <QLocalServer>
 #include <QLocalSocket>
+#include <sys/socket.h>
+#include <unistd.h>
+
+qint64 GetPeerUserId(qintptr socketDescriptor)
+{
+    struct ucred credentials = {};
+    socklen_t size = sizeof credentials;
+    if (socketDescriptor < 0 ||
+        ::getsockopt(int(socketDescriptor), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0 ||
+        size != sizeof credentials)
+        return -1;
+    return qint64(credentials.uid);
+}
 
 Communication::Communication(QObject* parent) : QObject(parent), m_server(new QLocalServer(this))
 {
+    m_server->setSocketOptions(QLocalServer::UserAccessOption);
     connect(m_server, SIGNAL(newConnection()), this, SLOT(onSocketConnected()));
     connect(this, SIGNAL(connected()), parent, SLOT(onConnected()));
     connect(this, SIGNAL(readyRead(QByteArray)), parent, SLOT(onReadyRead(QByteArray)));
@@ -52,12 +66,25 @@ void Communication::onSocketConnected()
 {
     Infor tracer(0, "Communication_onSocketConnected");
     QLocalSocket* socket = m_server->nextPendingConnection();
-    if (!socket)
+    if (!socket || !isOwnUser(socket))
         return;
     m_socket = socket;
     emit connected();
     connect(m_socket, SIGNAL(readyRead()), this, SLOT(OnReadyRead()));
     connect(m_socket, SIGNAL(disconnected()), this, SLOT(onDisConnected()));
+}
+
+bool Communication::isOwnUser(QLocalSocket* socket)
+{
+    const qint64 peer = GetPeerUserId(socket->socketDescriptor());
+    if (peer == qint64(::geteuid()))
+        return true;
+    // Nothing of it has been read yet, and nothing will be.
+    LogManager::getInstance()->Msg(4, "local connection of another user (uid %lld) closed unread",
+                                   static_cast<long long>(peer));
+    socket->abort();
+    socket->deleteLater();
+    return false;
 }
 
 void Communication::OnReadyRead()

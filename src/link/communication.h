@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QObject>
+#include <sys/types.h>
 
 class QLocalServer;
 class QLocalSocket;
@@ -10,8 +11,14 @@ class QLocalSocket;
 // and the single-instance lock file.
 constexpr const char* kInstanceId = "90f5b5e6317542f5aa4beb51d0b9abca2631d3ee";
 
+// The user id of the process at the other end of a connected local socket (its credentials
+// at connect time), or -1 when the descriptor does not tell.
+qint64 GetPeerUserId(qintptr socketDescriptor);
+
 // The daemon's end of the local link: a local server under the instance name and the one
-// current client. It moves raw bytes; each readyRead of the client is one message. Lives on
+// current client. Only its own user may connect: the socket file is owner-only, and a
+// connection from a process of another user id is closed before any byte is read. It moves
+// raw bytes; each readyRead of the client is one message. Lives on
 // the main thread.
 class Communication : public QObject
 {
@@ -38,6 +45,8 @@ private slots:
     void onDisConnected();
 
 private:
+    bool isOwnUser(QLocalSocket* socket);
+
     QLocalServer* m_server;
     QLocalSocket* m_socket = nullptr;
 };

@@ -12,6 +12,7 @@
 #include <QRandomGenerator>
 #include <QScopedValueRollback>
 #include <QTimer>
+#include <utility>
 
 using msgclient_detail::logger;
 
@@ -145,19 +146,9 @@ int MsgClient::login()
 
     CLoginInfor info;
     DataCenter::getInstance()->GetLoginInfor(info);
-    // Each cookie entry goes out as key=value with the value's ";" turned into "&" and then
-    // percent-encoded; the entries follow each other without a separator.
-    QString text;
-    for (auto it = info.cookies.constBegin(); it != info.cookies.constEnd(); ++it) {
-        QString value = it.value();
-        value.replace(";", "&");
-        text +=
-            QString("%1=%2").arg(it.key(), QString::fromLatin1(value.toUtf8().toPercentEncoding()));
-    }
-
     QByteArray frame;
     if (Msg_client::first_req_encode(GetClientType(), GetSessionId(), info.userId.toUInt(),
-                                     m_sequence, 0, text, frame) != 0) {
+                                     m_sequence, 0, LoginText(info.cookies), frame) != 0) {
         logger()->Msg(4, "client login first_req_encode failed!");
         return -1;
     }
@@ -167,6 +158,20 @@ int MsgClient::login()
     m_sequence += 1;
     startCheckTimeMs(m_times.answerMs);
     return 0;
+}
+
+QString MsgClient::LoginText(const QMap<QString, QString>& cookies)
+{
+    // Each cookie entry goes out as key=value with the value's ";" turned into "&" and then
+    // percent-encoded; the entries follow each other without a separator.
+    QString text;
+    for (auto it = cookies.constBegin(); it != cookies.constEnd(); ++it) {
+        QString value = it.value();
+        value.replace(";", "&");
+        text +=
+            QString("%1=%2").arg(it.key(), QString::fromLatin1(value.toUtf8().toPercentEncoding()));
+    }
+    return text;
 }
 
 int MsgClient::GetMaxId()
@@ -222,10 +227,23 @@ void MsgClient::CloseSocket()
             m_socket->waitForDisconnected(m_times.socketWaitMs);
     }
     m_socket->close();
-    // The closed socket is kept, not freed: this may run in a nested event loop while an outer
-    // frame is still inside one of its signals. It goes with this object.
+    // Nothing is connected to the closed socket any more, so only code that is still inside one
+    // of its signals can reach it: an outer frame when this runs in a nested event loop of a
+    // slot connected to it. It is freed once that slot has returned, or at once (deleteLater)
+    // when no such slot runs. Until then it is a child of this object and goes with it.
     m_socket->setParent(this);
+    if (m_socketSignalDepth > 0)
+        m_closedSockets.append(m_socket);
+    else
+        m_socket->deleteLater();
     m_socket = nullptr;
+}
+
+void MsgClient::freeClosedSockets()
+{
+    const QList<ClientTcpSocket*> closed = std::exchange(m_closedSockets, {});
+    for (ClientTcpSocket* socket : closed)
+        socket->deleteLater();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -234,6 +252,7 @@ void MsgClient::CloseSocket()
 void MsgClient::onSendHeartTimer()
 {
     Infor tracer(0, scopeName("onSendHeartTimer"));
+    const SocketSignalScope inSignal(this);
     if (SendHeart() == 0)
         startCheckTimeMs(m_times.heartbeatAnswerMs);
     else

@@ -3,6 +3,7 @@
 #include "push/msg_client.h"
 
 #include <QByteArray>
+#include <QMap>
 #include <QObject>
 #include <QString>
 #include <QStringList>
@@ -71,6 +72,8 @@ public:
     // Process steps.
     int connect2Server();
     int login();
+    // Text of the login request built from the login record's cookie map.
+    static QString LoginText(const QMap<QString, QString>& cookies);
     int GetMaxId();
     int StartHeartTimer();
     void nextProcess();
@@ -91,6 +94,10 @@ public:
     void startNetCheckTime();
     void stopNetCheckTime();
     void CloseSocket();
+    // Puts `socket` (connected, or null) in place of the current one, wired like a fresh
+    // connection, and hands the current one back detached from this object and still open.
+    // Lets tests and fuzzing drive the frame reader on a socket of their own.
+    ClientTcpSocket* setSocket(ClientTcpSocket* socket);
 
     quint64 GetSessionId();
     int GetClientType() { return 7; }
@@ -99,6 +106,8 @@ public:
     int GetServerAddressList(QStringList& list);
     int ParseServerAddressResponse(const QByteArray& data, QStringList& list);
     int GetServerAddress(QString& ip, int& port);
+    // The first entry of the form host:port; false when there is none.
+    static bool ChooseServerAddress(const QStringList& list, QString& ip, int& port);
 
     // Messages.
     bool ParseMessage(QByteArray const& message, QVector<MsgClient::OneMessage>& out);
@@ -135,6 +144,12 @@ private:
     // Schedules onsocketerror() after the process-wide back-off.
     void scheduleReconnect();
     std::string scopeName(const char* function) const;
+    // Frees the sockets closed while a socket signal was being delivered.
+    void freeClosedSockets();
+
+    // Held by the slots connected to a push socket's signals (readyRead, disconnected, timer)
+    // for as long as they run; see CloseSocket().
+    class SocketSignalScope;
 
     unsigned int m_sequence = 0;
     unsigned int m_responseSeq = 0;
@@ -148,5 +163,7 @@ private:
     QString m_pushAddressUrl;
     QString m_ssoStatusUrl;
     int m_lastReconnectWaitMs = 0;
-    bool m_connecting = false; // connect2Server() is running (possibly in a nested event loop)
+    bool m_connecting = false;   // connect2Server() is running (possibly in a nested event loop)
+    int m_socketSignalDepth = 0; // SocketSignalScope objects alive
+    QList<ClientTcpSocket*> m_closedSockets; // closed inside a socket signal, freed after it
 };

@@ -2,6 +2,7 @@
 
 // Helpers shared by the files that make up MsgClient. Not part of its interface.
 
+#include "client.h"
 #include "core/log.h"
 
 #include <QJsonValue>
@@ -27,3 +28,25 @@ inline int readLevel(const QJsonValue& value)
 }
 
 } // namespace msgclient_detail
+
+// Marks a slot that runs inside a signal of a push socket. A socket closed meanwhile (in a
+// nested event loop of that slot) is freed only when the outermost such slot returns, since the
+// socket's own code still runs after the signal.
+class MsgClient::SocketSignalScope
+{
+public:
+    explicit SocketSignalScope(MsgClient* client) : m_client(client)
+    {
+        ++m_client->m_socketSignalDepth;
+    }
+    ~SocketSignalScope()
+    {
+        if (--m_client->m_socketSignalDepth == 0)
+            m_client->freeClosedSockets();
+    }
+    SocketSignalScope(const SocketSignalScope&) = delete;
+    SocketSignalScope& operator=(const SocketSignalScope&) = delete;
+
+private:
+    MsgClient* m_client;
+};

@@ -28,6 +28,19 @@ int MsgClient::writeCmd(const QByteArray& frame)
     return 0;
 }
 
+ClientTcpSocket* MsgClient::setSocket(ClientTcpSocket* socket)
+{
+    ClientTcpSocket* previous = m_socket;
+    if (previous)
+        previous->disconnect(this);
+    m_socket = socket;
+    if (socket) {
+        connect(socket, SIGNAL(readyRead()), this, SLOT(onReadyRead()));
+        connect(socket, SIGNAL(disconnected()), this, SLOT(ondisconnected()));
+    }
+    return previous;
+}
+
 int MsgClient::SendHeart()
 {
     Infor tracer(0, scopeName("SendHeart"));
@@ -151,6 +164,7 @@ int MsgClient::readFromServer(QByteArray& out)
 void MsgClient::onReadyRead()
 {
     Infor tracer(0, scopeName("onReadyRead"));
+    const SocketSignalScope inSignal(this);
     QByteArray message;
     const int rc = readFromServer(message);
     if (rc < 0) {
@@ -186,6 +200,7 @@ void MsgClient::onReadyRead()
 void MsgClient::ondisconnected()
 {
     Infor tracer(0, scopeName("ondisconnected"));
+    const SocketSignalScope inSignal(this);
     const QString error = m_socket ? m_socket->errorString() : QString();
     logger()->Msg(4, "server disconnect to socket, error is %s", error.toUtf8().constData());
     emit checkstatus(true);

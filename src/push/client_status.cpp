@@ -98,8 +98,13 @@ int MsgClient::GetServerAddress(QString& ip, int& port)
         logger()->Msg(4, "server address list num is 0!");
         return 0;
     }
+    return ChooseServerAddress(list, ip, port) ? ret : 0;
+}
+
+bool MsgClient::ChooseServerAddress(const QStringList& list, QString& ip, int& port)
+{
     // The service's order decides: the first entry of the form host:port wins.
-    for (const QString& entry : qAsConst(list)) {
+    for (const QString& entry : list) {
         const QStringList parts = entry.split(":", Qt::KeepEmptyParts);
         if (parts.size() != 2)
             continue;
@@ -107,9 +112,9 @@ int MsgClient::GetServerAddress(QString& ip, int& port)
         port = parts.at(1).toInt(nullptr, 10);
         logger()->Msg(1, "connect server success!, ip is %s, port is %d",
                       entry.toUtf8().constData(), port);
-        return ret;
+        return true;
     }
-    return 0;
+    return false;
 }
 
 void MsgClient::oncheckstatus(bool bneedconnect)

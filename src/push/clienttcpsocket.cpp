@@ -16,17 +16,20 @@ void ClientTcpSocket::startTime(int seconds)
 
 void ClientTcpSocket::startTimeMs(int msec)
 {
-    stopTime();
-    m_timer = new QTimer;
+    // One timer, a child of the socket, for the socket's whole life: stopping it never deletes
+    // it, since a stop may come from inside its own timeout.
+    if (!m_timer) {
+        m_timer = new QTimer(this);
+        connect(m_timer, SIGNAL(timeout()), this, SLOT(OnTimer()));
+    }
     m_timer->setInterval(msec);
-    connect(m_timer, SIGNAL(timeout()), this, SLOT(OnTimer()));
     m_timer->start();
 }
 
 void ClientTcpSocket::stopTime()
 {
-    delete m_timer;
-    m_timer = nullptr;
+    if (m_timer)
+        m_timer->stop();
 }
 
 void ClientTcpSocket::disconnectFromHost()

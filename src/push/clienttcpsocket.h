@@ -5,8 +5,8 @@
 class QTimer;
 
 // The push connection's socket. Besides the TCP stream it carries the heartbeat timer: a
-// repeating QTimer, created on the socket's thread (the client thread), whose ticks come out
-// as the signal timer().
+// repeating QTimer, a child of the socket made on its thread (the client thread) at the first
+// start, whose ticks come out as the signal timer().
 class ClientTcpSocket : public QTcpSocket
 {
     Q_OBJECT

@@ -13,6 +13,8 @@ namespace {
 
 constexpr unsigned int kNoticeMessageType = 0x03000200; // 50332160
 constexpr int kTokenBufferSize = 128;
+// Decompression bounds up to this size are allocated as the result array itself.
+constexpr int kDirectCapacity = 1 << 28;
 constexpr char kNoticeText[] = R"({"data":{"notice_id":"%1","t":580001},"mt":50332160})";
 // The short-body notice text goes out with "%llu" as it stands: it is never substituted.
 constexpr char kFixedNoticeText[] = R"({"data":{"notice_id":"%llu","t":580001},"mt":50332160})";
@@ -30,9 +32,12 @@ quint32 readLe32(const QByteArray& array, int offset)
 // Plaintext of both request bodies: a little-endian word followed by the UTF-8 text.
 QByteArray plainBody(quint32 word, QString const& text)
 {
-    QByteArray plain(4, '\0');
-    putLe32(plain, 0, word);
-    plain.append(text.toUtf8());
+    // The UTF-8 conversion leaves room in its buffer, so the word goes in front without a copy
+    // into a second array.
+    QByteArray plain = text.toUtf8();
+    char prefix[4];
+    qToLittleEndian<quint32>(word, prefix);
+    plain.prepend(prefix, 4);
     return plain;
 }
 
@@ -170,9 +175,22 @@ int Msg_client::decodeX(unsigned int magic, int compressed, QByteArray const& in
     }
 
     // The decompressed size is bounded by the library's encode bound for the body (see
-    // StringEncrypt::Ec627DecodeLen). One spare zero byte after that capacity, which LZ4 never
-    // writes, keeps the text read below inside the buffer.
+    // StringEncrypt::Ec627DecodeLen). LZ4 never reads destination bytes it has not written, so a
+    // block that decompresses goes straight into the result, without zeroing the bound first.
     const int capacity = qMax(cipher->Ec627DecodeLen(in), 0);
+    if (capacity <= kDirectCapacity) {
+        QByteArray text(capacity, Qt::Uninitialized);
+        const int produced =
+            LZ4_decompress_safe(plain.constData(), text.data(), plain.size(), capacity);
+        if (produced > 0) {
+            text.resize(produced);
+            text.squeeze(); // shrinks in place: the bound is many times the text
+            out = text;
+            return 0;
+        }
+    }
+    // One spare zero byte after that capacity, which LZ4 never writes, keeps the text read below
+    // inside the buffer.
     std::vector<char> buffer(static_cast<size_t>(capacity) + 1, 0);
     const int produced =
         LZ4_decompress_safe(plain.constData(), buffer.data(), plain.size(), capacity);

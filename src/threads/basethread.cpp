@@ -5,7 +5,12 @@
 
 #include <pthread.h>
 
-CBaseThread::CBaseThread() = default;
+CBaseThread::CBaseThread()
+{
+    // Emitted on the finishing thread itself, after run() has returned.
+    connect(
+        this, &QThread::finished, this, [this] { Sync::release(this); }, Qt::DirectConnection);
+}
 
 CBaseThread::~CBaseThread() = default;
 
@@ -76,3 +81,19 @@ void CBaseThread::run()
 }
 
 void CBaseThread::Quit() {}
+
+bool CBaseThread::isFinished() const
+{
+    if (!QThread::isFinished())
+        return false;
+    Sync::acquire(this);
+    return true;
+}
+
+bool CBaseThread::wait(unsigned long time)
+{
+    if (!QThread::wait(time))
+        return false;
+    Sync::acquire(this);
+    return true;
+}

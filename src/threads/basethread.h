@@ -3,6 +3,7 @@
 #include <QMutex>
 #include <QThread>
 #include <QVariant>
+#include <climits>
 
 // Base of every worker thread: a type number (a single bit), a tag that tells threads of one
 // type apart, a validity flag cleared when the thread is told to stop, and the running
@@ -31,6 +32,12 @@ public:
     void run() override;
     // Asks the thread's loop to end. Must not block: it is called under the registry lock.
     virtual void Quit();
+
+    // QThread's own, plus the hand-over from the finished thread to the one that found it
+    // finished (and may now delete it). Qt signals the end inside its own library, where the
+    // thread checker cannot see it; the finishing thread announces it from finished().
+    bool isFinished() const;
+    bool wait(unsigned long time = ULONG_MAX);
 
 private:
     int m_state = 0;

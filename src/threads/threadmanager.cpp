@@ -115,7 +115,10 @@ void ThreadManager::CleanThread()
     int index = 0;
     while (index < m_threads.size()) {
         CBaseThread* thread = m_threads.at(index);
-        if (thread->isFinished()) {
+        // isFinished() is already true while the thread is still inside its own finishing
+        // (emitting finished(), running its last cleanup); only a successful wait(0) shows it
+        // has left run() for good, so that the object can go.
+        if (thread->isFinished() && thread->wait(0)) {
             m_threads.removeAt(index);
             delete thread;
             index = 0;

@@ -6,6 +6,8 @@
 
 #include <QDebug>
 #include <QHttpMultiPart>
+#include <QMutex>
+#include <QMutexLocker>
 #include <QNetworkAccessManager>
 #include <QNetworkRequest>
 #include <QSslConfiguration>
@@ -17,6 +19,13 @@ const char* const kContentType = "Content-Type";
 const char* const kFormContentType = "application/x-www-form-urlencoded;charset=UTF-8";
 // Session cookies that are folded back into the login record.
 const char* const kKeptCookies[] = {"USERSESSIONID", "PHPSESSID", "acw_tc"};
+const char* const kGateClosed = "network access closed";
+
+// The network gate: once closed (the process is ending), no access manager is made or
+// destroyed and no request is issued. Held while a manager is made, destroyed or used to start
+// a request, so that closing it waits for those to end.
+QMutex g_gateMutex;
+bool g_gateClosed = false;
 } // namespace
 
 bool isUrlProtocol(const QUrl& url, const QString& scheme)
@@ -24,21 +33,40 @@ bool isUrlProtocol(const QUrl& url, const QString& scheme)
     return url.scheme().compare(scheme, Qt::CaseInsensitive) == 0;
 }
 
-CRequestHttps::CRequestHttps()
-    : m_manager(new QNetworkAccessManager), m_request(new QNetworkRequest), m_abort(false)
+CRequestHttps::CRequestHttps() : m_manager(nullptr), m_request(new QNetworkRequest), m_abort(false)
 {
+    const QMutexLocker gate(&g_gateMutex);
+    if (!g_gateClosed)
+        m_manager = new QNetworkAccessManager;
 }
 
 CRequestHttps::~CRequestHttps()
 {
-    // The manager deletes the jar it owns.
-    delete m_manager;
+    {
+        // The manager deletes the jar it owns. Behind a closed gate it is left to the end of
+        // the process: its destructor reaches Qt's network configuration manager, which the
+        // application object is tearing down.
+        const QMutexLocker gate(&g_gateMutex);
+        if (!g_gateClosed)
+            delete m_manager;
+    }
     delete m_request;
+}
+
+void CRequestHttps::closeNetworkGate()
+{
+    const QMutexLocker gate(&g_gateMutex);
+    g_gateClosed = true;
 }
 
 int CRequestHttps::SendRequest(QString url, int method, QMap<QString, QString> headers,
                                const QByteArray& body, QByteArray& reply)
 {
+    QMutexLocker gate(&g_gateMutex);
+    if (g_gateClosed || !m_manager) {
+        reply = QByteArray(kGateClosed);
+        return -1;
+    }
     const bool useTls = ConfigUrl(url);
     headers["User-Agent"] = DataCenter::getInstance()->GetUserAgent();
     if (method == 1 && !headers.contains(kContentType))
@@ -80,6 +108,7 @@ int CRequestHttps::SendRequest(QString url, int method, QMap<QString, QString> h
         reply = QByteArray("unsupported request method");
         return -1;
     }
+    gate.unlock();
 
     waitForReply(networkReply);
     if (m_abort)
@@ -99,6 +128,11 @@ int CRequestHttps::SendRequest(QString url, int method, QMap<QString, QString> h
                                const QByteArray& body, QByteArray& reply,
                                QMap<QString, QString>* formParts)
 {
+    QMutexLocker gate(&g_gateMutex);
+    if (g_gateClosed || !m_manager) {
+        reply = QByteArray(kGateClosed);
+        return -1;
+    }
     const bool useTls = ConfigUrl(url);
     headers["User-Agent"] = DataCenter::getInstance()->GetUserAgent();
     setCookie(headers);
@@ -130,6 +164,7 @@ int CRequestHttps::SendRequest(QString url, int method, QMap<QString, QString> h
         reply = QByteArray("unsupported request method");
         return -1;
     }
+    gate.unlock();
 
     waitForReply(networkReply);
     return ReplyFinishHttpsRequest(networkReply, reply);

@@ -63,6 +63,12 @@ public:
     // Lets a caller abandon a running wait: set the flag, then quit the wait loop.
     void Abort();
 
+    // Called once by the entry, on the main thread, before the application object goes. From
+    // then on no access manager is made or destroyed (the destructor leaves its manager to the
+    // end of the process) and every request fails at once with -1, as a network failure would.
+    // Waits for a manager being made or a request being started on another thread.
+    static void closeNetworkGate();
+
 signals:
     void sendHttpsResult(QByteArray);
     void sendHttpsErr(QByteArray);

@@ -76,12 +76,6 @@ private slots:
         QByteArray head = QByteArray("JOOS", 4) + QByteArray(8, '\0') + QByteArray("\x28\0\0\0", 4);
         QCOMPARE(Msg_client::decode(head, QByteArray(40, 'b'), out), -1);
         QCOMPARE(out, QByteArray("untouched"));
-
-        // Heartbeats and notices need no cipher.
-        QCOMPARE(Msg_client::heartbeat_req(out), 0);
-        QCOMPARE(out, QByteArray("GOOS"));
-        QCOMPARE(Msg_client::decode("LOOS", QByteArray("\x05\0\0\0\0\0\0\0", 8), out), 0);
-        QCOMPARE(out, QByteArray(R"({"data":{"notice_id":"5","t":580001},"mt":50332160})"));
     }
 };
 

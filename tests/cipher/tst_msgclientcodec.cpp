@@ -1,5 +1,6 @@
-// Push frames against hand-built bytes, and answers sealed the way a push server seals them
-// (the stand-in server's own wire helpers: the cipher library called directly, LZ4 blocks).
+// Push answers sealed the way a push server seals them (the stand-in server's own wire helpers:
+// the cipher library called directly, LZ4 blocks). Outgoing frames are checked byte for byte in
+// tst_cipher_fake and opened by the stand-in server in tst_msgclient.
 #include "logcapture.h"
 #include "push/msg_client.h"
 #include "pushwire.h"
@@ -44,66 +45,6 @@ private slots:
         QCOMPARE(Msg_client::init(), 0);
     }
     void init() { m_log.mark(); }
-
-    void heartbeat()
-    {
-        QByteArray out("old");
-        QCOMPARE(Msg_client::heartbeat_req(out), 0);
-        QCOMPARE(out, QByteArray("GOOS"));
-    }
-
-    void loginFrame_data()
-    {
-        QTest::addColumn<uint>("clientType");
-        QTest::addColumn<qulonglong>("session");
-        QTest::addColumn<uint>("user");
-        QTest::addColumn<uint>("seq");
-        QTest::addColumn<QString>("text");
-        QTest::newRow("daemon") << 7u << 0x1122334455667788ull << 4242u << 0u
-                                << R"({"cmd":"login","cookie":"a=b; c=d"})";
-        QTest::newRow("empty text, high bits")
-            << 0x1FFu << ~0ull << 0xFFFFFFFFu << 0x01020304u << QString();
-        QTest::newRow("long utf-8") << 7u << 1ull << 1u << 9u << QString(5000, QChar(0x00E9));
-    }
-    void loginFrame()
-    {
-        QFETCH(uint, clientType);
-        QFETCH(qulonglong, session);
-        QFETCH(uint, user);
-        QFETCH(uint, seq);
-        QFETCH(QString, text);
-        QByteArray out;
-        QCOMPARE(Msg_client::first_req_encode(clientType, session, user, seq, 0, text, out), 0);
-
-        QByteArray sessionLe(8, '\0');
-        qToLittleEndian<quint64>(session, sessionLe.data());
-        const QByteArray head = QByteArray("HOOS\x01\x00", 6) + char(clientType & 0xFF) + '\0' +
-                                sessionLe + le32(user) + le32(seq);
-        QCOMPARE(out.left(24), head);
-        QCOMPARE(out.mid(72, 4), le32(0));
-        const QByteArray body = out.mid(80);
-        QCOMPARE(out.mid(76, 4), le32(body.size()));
-
-        // The server opens the body with the token at offset 24 and the user id.
-        const QByteArray token = out.mid(24, 48);
-        QByteArray plain;
-        QVERIFY(pushwire::openLoginBody(user, token, body, plain));
-        QCOMPARE(plain, le32(0) + text.toUtf8());
-        QVERIFY(!pushwire::openLoginBody(user + 1, token, body, plain));
-    }
-
-    void normalFrame()
-    {
-        QByteArray out;
-        const QString text = R"({"query":"latest"})";
-        QCOMPARE(Msg_client::normal_req_encode(0xA1B2C3D4, 1234, text, out), 0);
-        QCOMPARE(out.left(12), QByteArray("IOOS\xD4\xC3\xB2\xA1\0\0\0\0", 12));
-        const QByteArray body = out.mid(16);
-        QCOMPARE(out.mid(12, 4), le32(body.size()));
-        QByteArray plain;
-        QVERIFY(pushwire::openRequestBody(body, plain));
-        QCOMPARE(plain, le32(1234) + text.toUtf8());
-    }
 
     void answers_data()
     {
@@ -265,17 +206,6 @@ private slots:
         QByteArray out;
         QCOMPARE(Msg_client::decode(head, body, out), 0);
         QCOMPARE(out, expected);
-    }
-
-    void decodeXNoticeMagics()
-    {
-        const QByteArray fixed(R"({"data":{"notice_id":"%llu","t":580001},"mt":50332160})");
-        QByteArray out;
-        QCOMPARE(Msg_client::decodeX(0x03000200, 0, QByteArray(40, 'z'), out), 0);
-        QCOMPARE(out, fixed);
-        out.clear();
-        QCOMPARE(Msg_client::decodeX(MAGIC_NOTICE, 1, QByteArray(), out), 0);
-        QCOMPARE(out, fixed);
     }
 };
 

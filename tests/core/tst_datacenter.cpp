@@ -1,5 +1,4 @@
 #include "core/datacenter.h"
-#include "core/sync.h"
 
 #include <QThread>
 #include <QtTest>
@@ -9,113 +8,86 @@ class tst_DataCenter : public QObject
     Q_OBJECT
 private slots:
     void cleanup() { DataCenter::destroyInstance(); }
-    void freshInstance_defaults();
-    void setSetting_data();
-    void setSetting();
-    void pendingChanges();
-    void sync_nullAndEarlyReturn();
-    void records_concurrentCopiesStayWhole();
-};
-
-void tst_DataCenter::freshInstance_defaults()
-{
-    DataCenter* center = DataCenter::getInstance();
-    QVERIFY(center->IsMainAppExist());
-    QVERIFY(!center->isNetError());
-    QVERIFY(!center->IsVipChanged());
-    QVERIFY(!center->isUserFaceChanged());
-    QCOMPARE(center->GetLogLevel(), 0);
-    QCOMPARE(center->GetMainAppId(), 0);
-    QVERIFY(center->GetMainLockFile().isNull());
-    CLogoutInfor logout;
-    logout.isLogout = true;
-    center->GetLogoutInfor(logout);
-    QVERIFY(!logout.isLogout);
-}
-
-void tst_DataCenter::setSetting_data()
-{
-    QTest::addColumn<int>("bits");
-    QTest::addColumn<bool>("rc");
-    QTest::addColumn<bool>("https");
-    QTest::addColumn<bool>("encrypt");
-    QTest::newRow("7 sets all") << 7 << true << true << true;
-    QTest::newRow("8 clears all") << 8 << false << false << false;
-    QTest::newRow("2 https only") << 2 << false << true << false;
-    QTest::newRow("13 rc and encrypt") << 13 << true << false << true;
-}
-
-void tst_DataCenter::setSetting()
-{
-    QFETCH(int, bits);
-    DataCenter* center = DataCenter::getInstance();
-    center->SetSetting(7);
-    center->SetSetting(bits);
-    QTEST(center->isRcEnvironment(), "rc");
-    QTEST(center->isHttpsRequest(), "https");
-    QTEST(center->isEncryptRequest(), "encrypt");
-}
-
-void tst_DataCenter::pendingChanges()
-{
-    DataCenter* center = DataCenter::getInstance();
-    center->SetVipInfor(-1, 5);
-    QVERIFY(center->IsVipChanged());
-    center->SetVipInfor(3, -1);
-    QVERIFY(center->IsVipChanged());
-    center->SetVipInfor(-1, -1);
-    QVERIFY(!center->IsVipChanged());
-    center->SetUserFace("http://face");
-    QVERIFY(center->isUserFaceChanged());
-    center->SetUserFace(QString());
-    QVERIFY(!center->isUserFaceChanged());
-}
-
-void tst_DataCenter::sync_nullAndEarlyReturn()
-{
+    void freshInstance_defaults()
     {
-        Sync nothing(nullptr);
+        DataCenter* center = DataCenter::getInstance();
+        QVERIFY(center->IsMainAppExist());
+        QVERIFY(!center->isNetError());
+        QVERIFY(!center->IsVipChanged());
+        QVERIFY(!center->isUserFaceChanged());
+        QCOMPARE(center->GetLogLevel(), 0);
+        QCOMPARE(center->GetMainAppId(), 0);
+        QVERIFY(center->GetMainLockFile().isNull());
+        CLogoutInfor logout;
+        logout.isLogout = true;
+        center->GetLogoutInfor(logout);
+        QVERIFY(!logout.isLogout);
     }
-    QMutex mutex;
-    auto lockedReturn = [&mutex](bool early) {
-        Sync lock(&mutex);
-        if (early)
-            return 1;
-        return 2;
-    };
-    QCOMPARE(lockedReturn(true), 1);
-    QVERIFY(mutex.tryLock());
-    mutex.unlock();
-}
-
-// A writer thread swaps between two complete records; readers must never see a mix.
-void tst_DataCenter::records_concurrentCopiesStayWhole()
-{
-    DataCenter* center = DataCenter::getInstance();
-    CLoginInfor a;
-    a.userId = "1";
-    a.cookies.insert("cookie", "one");
-    CLoginInfor b;
-    b.userId = "2";
-    b.cookies.insert("cookie", "two");
-    center->SetLoginInfor(a);
-
-    std::atomic<bool> stop{false};
-    QThread* writer = QThread::create([&] {
-        for (int i = 0; !stop.load(); ++i)
-            center->SetLoginInfor(i % 2 ? a : b);
-    });
-    writer->start();
-    for (int i = 0; i < 20000; ++i) {
-        CLoginInfor copy;
-        center->GetLoginInfor(copy);
-        const QString cookie = copy.cookies.value("cookie");
-        QVERIFY((copy.userId == "1" && cookie == "one") || (copy.userId == "2" && cookie == "two"));
+    void setSetting_data()
+    {
+        QTest::addColumn<int>("bits");
+        QTest::addColumn<bool>("rc");
+        QTest::addColumn<bool>("https");
+        QTest::addColumn<bool>("encrypt");
+        QTest::newRow("7 sets all") << 7 << true << true << true;
+        QTest::newRow("8 clears all") << 8 << false << false << false;
+        QTest::newRow("2 https only") << 2 << false << true << false;
+        QTest::newRow("13 rc and encrypt") << 13 << true << false << true;
     }
-    stop = true;
-    writer->wait();
-    delete writer;
-}
+    void setSetting()
+    {
+        QFETCH(int, bits);
+        DataCenter* center = DataCenter::getInstance();
+        center->SetSetting(7);
+        center->SetSetting(bits);
+        QTEST(center->isRcEnvironment(), "rc");
+        QTEST(center->isHttpsRequest(), "https");
+        QTEST(center->isEncryptRequest(), "encrypt");
+    }
+    void pendingChanges()
+    {
+        DataCenter* center = DataCenter::getInstance();
+        center->SetVipInfor(-1, 5);
+        QVERIFY(center->IsVipChanged());
+        center->SetVipInfor(3, -1);
+        QVERIFY(center->IsVipChanged());
+        center->SetVipInfor(-1, -1);
+        QVERIFY(!center->IsVipChanged());
+        center->SetUserFace("http://face");
+        QVERIFY(center->isUserFaceChanged());
+        center->SetUserFace(QString());
+        QVERIFY(!center->isUserFaceChanged());
+    }
+    // A writer thread swaps between two complete records; readers must never see a mix.
+    void records_concurrentCopiesStayWhole()
+    {
+        DataCenter* center = DataCenter::getInstance();
+        CLoginInfor a;
+        a.userId = "1";
+        a.cookies.insert("cookie", "one");
+        CLoginInfor b;
+        b.userId = "2";
+        b.cookies.insert("cookie", "two");
+        center->SetLoginInfor(a);
+
+        std::atomic<bool> stop{false};
+        QThread* writer = QThread::create([&] {
+            for (int i = 0; !stop.load(); ++i)
+                center->SetLoginInfor(i % 2 ? a : b);
+        });
+        writer->start();
+        for (int i = 0; i < 20000; ++i) {
+            CLoginInfor copy;
+            center->GetLoginInfor(copy);
+            const QString cookie = copy.cookies.value("cookie");
+            QVERIFY((copy.userId == "1" && cookie == "one") ||
+                    (copy.userId == "2" && cookie == "two"));
+        }
+        stop = true;
+        writer->wait();
+        delete writer;
+    }
+};
 
 QTEST_GUILESS_MAIN(tst_DataCenter)
 #include "tst_datacenter.moc"

@@ -1,5 +1,6 @@
 #include "core/datacenter.h"
 #include "core/log.h"
+#include "ownership.h"
 
 #include <QDir>
 #include <QFile>
@@ -40,6 +41,8 @@ private slots:
     void hourlyRecycle_emptiesFileAndRestartsMarker();
     void tracer_onlyUnderNegativeThreshold();
     void longText_isCut();
+    void ownerOnly_data();
+    void ownerOnly();
 
 private:
     void openLog(int threshold);
@@ -185,6 +188,40 @@ void tst_Log::longText_isCut()
     const QStringList lines = fileLines(LogManager::getInstance()->fileName());
     QCOMPARE(lines.size(), 2);
     QCOMPARE(lines.at(1).count('x'), 2047);
+}
+
+void tst_Log::ownerOnly_data()
+{
+    QTest::addColumn<int>("mask");
+    QTest::addColumn<bool>("looseFoldersLeft");
+    QTest::newRow("umask 022") << 022 << false;
+    QTest::newRow("umask 0") << 0 << false;
+    QTest::newRow("umask 0, folders left 0777") << 0 << true;
+}
+
+// The log holds the cookie at levels 0 and 1: folders 0700 and files 0600 whatever the umask.
+void tst_Log::ownerOnly()
+{
+    QFETCH(int, mask);
+    QFETCH(bool, looseFoldersLeft);
+    const QString support = documents() + "/627log/support";
+    if (looseFoldersLeft) {
+        QVERIFY(QDir().mkpath(support));
+        for (const QString& dir : {documents() + "/627log", support})
+            QCOMPARE(::chmod(QFile::encodeName(dir).constData(), 0777), 0);
+    }
+    const mode_t before = ::umask(mode_t(mask));
+    openLog(1);
+    g_now = 1000000;
+    LogManager* log = LogManager::getInstance();
+    log->Msg(1, "first");
+    QCOMPARE(ownership::mode(log->fileName()), 0600);
+    g_now += 3601; // the recycled file is made afresh
+    log->Msg(1, "recycled");
+    ::umask(before);
+    QCOMPARE(ownership::mode(log->fileName()), 0600);
+    QCOMPARE(ownership::mode(documents() + "/627log"), 0700);
+    QCOMPARE(ownership::mode(support), 0700);
 }
 
 QTEST_GUILESS_MAIN(tst_Log)

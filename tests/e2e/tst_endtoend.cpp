@@ -553,7 +553,7 @@ void tst_EndToEnd::mainAppStandIn_startsTheDaemonAndEndsIt()
 {
     const QString lockFile = m_tmp + "/d627_" + kInstanceId + "-lockfile";
     m_mainApp.setProgram(kBinDir + "/d627-mainapp");
-    m_mainApp.setArguments({"--daemon", kBinDir + "/d627", "--lockfile",
+    m_mainApp.setArguments({"--daemon", kBinDir + "/d627", "--tmpdir", m_tmp, "--lockfile",
                             m_dir->path() + "/mainapp.lock", "--user-id", kUserId, "--cookie",
                             kCookie, "--user-agent", kUserAgent, "--loglevel", "1"});
     m_mainApp.setProcessEnvironment(m_env);

@@ -54,7 +54,7 @@ private:
     // settle: let the adapter handle the message before returning. Messages that end the
     // event loop are not settled, so that the loop the test runs afterwards sees the exit.
     void send(const QJsonObject& object, bool settle = true);
-    QJsonObject nextMessage(int timeoutMs = 1000);
+    QJsonObject nextMessage(int timeoutMs = 30000);
 
     QTemporaryDir m_dir;
     QScopedPointer<Adapter> m_adapter;
@@ -94,7 +94,7 @@ void tst_Adapter::cleanup()
     m_adapter.reset();
     ThreadManager* manager = ThreadManager::GetInstance();
     manager->StopThread(4, QVariant("MainAppDetect"));
-    QTRY_VERIFY_WITH_TIMEOUT(!manager->IsExist(4), 3000);
+    QTRY_VERIFY_WITH_TIMEOUT(!manager->IsExist(4), 30000);
     manager->CleanThread();
     const QList<QByteArray> bad = std::exchange(m_badMessages, {});
     QVERIFY2(bad.isEmpty(), bad.value(0).constData());
@@ -104,7 +104,7 @@ void tst_Adapter::connectClient()
 {
     m_client.reset(new QLocalSocket);
     m_client->connectToServer(QString::fromLatin1(kInstanceId));
-    QVERIFY(m_client->waitForConnected(2000));
+    QVERIFY(m_client->waitForConnected(30000));
     // Let the adapter take the connection.
     QTest::qWait(50);
 }
@@ -112,7 +112,7 @@ void tst_Adapter::connectClient()
 void tst_Adapter::send(const QJsonObject& object, bool settle)
 {
     m_client->write(QJsonDocument(object).toJson(QJsonDocument::Compact));
-    QVERIFY(m_client->waitForBytesWritten(1000));
+    QVERIFY(m_client->waitForBytesWritten(30000));
     if (settle)
         QTest::qWait(50);
 }
@@ -137,7 +137,7 @@ QJsonObject tst_Adapter::nextMessage(int timeoutMs)
 void tst_Adapter::exitTrue_endsLoopWithZero()
 {
     send({{"exit", true}}, false);
-    QCOMPARE(execUntilExit(2000), 0);
+    QCOMPARE(execUntilExit(30000), 0);
 }
 
 void tst_Adapter::exitFalse_ignoresEverything()
@@ -294,7 +294,7 @@ void tst_Adapter::changesWithoutClient_areDropped()
     m_client->disconnectFromServer();
     QTest::qWait(100);
     DataCenter::getInstance()->SetUserFace("http://lost");
-    QTRY_VERIFY_WITH_TIMEOUT(!DataCenter::getInstance()->isUserFaceChanged(), 1000);
+    QTRY_VERIFY_WITH_TIMEOUT(!DataCenter::getInstance()->isUserFaceChanged(), 30000);
     connectClient();
     QVERIFY(nextMessage(500).isEmpty());
 }
@@ -307,7 +307,7 @@ void tst_Adapter::logoutRecord_sendsLogoutThenExits()
     DataCenter::getInstance()->SetUserFace("http://also/pending");
     DataCenter::getInstance()->SetLogoutInfor(logout);
 
-    QCOMPARE(execUntilExit(2000), 0);
+    QCOMPARE(execUntilExit(30000), 0);
     QCOMPARE(nextMessage(), QJsonObject({{"logout", logout.message}}));
 }
 
@@ -316,17 +316,17 @@ void tst_Adapter::linkDown_startsWatchdogAndLinkUpStopsIt()
     ThreadManager* manager = ThreadManager::GetInstance();
     QVERIFY(!manager->IsExist(4));
     m_client->disconnectFromServer();
-    QTRY_VERIFY_WITH_TIMEOUT(manager->IsExist(4), 1000);
+    QTRY_VERIFY_WITH_TIMEOUT(manager->IsExist(4), 30000);
 
     connectClient();
     // Stopped, not waited for: it finishes after its current pause.
-    QTRY_VERIFY_WITH_TIMEOUT(!manager->IsExist(4), 3000);
+    QTRY_VERIFY_WITH_TIMEOUT(!manager->IsExist(4), 30000);
 }
 
 void tst_Adapter::mainAppGone_exits()
 {
     DataCenter::getInstance()->SetMainAppExist(false);
-    QCOMPARE(execUntilExit(2500), 0);
+    QCOMPARE(execUntilExit(30000), 0);
 }
 
 QTEST_GUILESS_MAIN(tst_Adapter)

@@ -60,14 +60,14 @@ void tst_Daemon::startDaemon(QProcess& process)
     process.setProcessEnvironment(m_env);
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.start(kDaemon, QStringList());
-    QVERIFY(process.waitForStarted(3000));
+    QVERIFY(process.waitForStarted(30000));
 }
 
 bool tst_Daemon::connectTo(QLocalSocket& socket)
 {
     QElapsedTimer timer;
     timer.start();
-    while (timer.elapsed() < 5000) {
+    while (timer.elapsed() < 30000) {
         socket.connectToServer(socketPath());
         if (socket.waitForConnected(500))
             return true;
@@ -84,7 +84,7 @@ void tst_Daemon::secondInstance_printsHolderAndExitsZero()
 
     QProcess second;
     startDaemon(second);
-    QVERIFY(second.waitForFinished(5000));
+    QVERIFY(second.waitForFinished(30000));
     QCOMPARE(second.exitStatus(), QProcess::NormalExit);
     QCOMPARE(second.exitCode(), 0);
     const QString output = QString::fromUtf8(second.readAll()).trimmed();
@@ -97,7 +97,7 @@ void tst_Daemon::secondInstance_printsHolderAndExitsZero()
     QVERIFY(QFile::exists(lockFile));
     socket.write(R"({"exit":true})");
     socket.flush();
-    QVERIFY(m_daemon.waitForFinished(5000));
+    QVERIFY(m_daemon.waitForFinished(30000));
     QCOMPARE(m_daemon.exitCode(), 0);
     QVERIFY(!QFile::exists(lockFile));
 }
@@ -108,7 +108,7 @@ void tst_Daemon::staleSocketAndLock_doNotStopAStart()
     QLocalSocket first;
     QVERIFY(connectTo(first));
     ::kill(pid_t(m_daemon.processId()), SIGKILL);
-    QVERIFY(m_daemon.waitForFinished(3000));
+    QVERIFY(m_daemon.waitForFinished(30000));
     first.abort();
     QVERIFY(QFileInfo::exists(socketPath()));
 
@@ -119,7 +119,7 @@ void tst_Daemon::staleSocketAndLock_doNotStopAStart()
     QCOMPARE(m_daemon.state(), QProcess::Running);
     second.write(R"({"exit":true})");
     second.flush();
-    QVERIFY(m_daemon.waitForFinished(5000));
+    QVERIFY(m_daemon.waitForFinished(30000));
     QCOMPARE(m_daemon.exitCode(), 0);
 }
 
@@ -133,7 +133,7 @@ void tst_Daemon::exitMessage_endsWithZero()
     QVERIFY(!m_daemon.waitForFinished(600));
     socket.write(R"({"exit":true})");
     socket.flush();
-    QVERIFY(m_daemon.waitForFinished(5000));
+    QVERIFY(m_daemon.waitForFinished(30000));
     QCOMPARE(m_daemon.exitStatus(), QProcess::NormalExit);
     QCOMPARE(m_daemon.exitCode(), 0);
 }
@@ -142,7 +142,7 @@ void tst_Daemon::mainAppLockReleasedWhileLinkDown_exits()
 {
     QProcess holder;
     holder.start(QString(D627_BIN_DIR) + "/lockholder", {m_dir->path() + "/main.lock"});
-    QVERIFY(holder.waitForReadyRead(5000));
+    QVERIFY(holder.waitForReadyRead(30000));
 
     startDaemon(m_daemon);
     QLocalSocket socket;
@@ -161,8 +161,8 @@ void tst_Daemon::mainAppLockReleasedWhileLinkDown_exits()
     // While the main application holds its lock, the daemon stays.
     QVERIFY(!m_daemon.waitForFinished(2500));
     holder.closeWriteChannel();
-    QVERIFY(holder.waitForFinished(3000));
-    QVERIFY(m_daemon.waitForFinished(5000));
+    QVERIFY(holder.waitForFinished(30000));
+    QVERIFY(m_daemon.waitForFinished(30000));
     QCOMPARE(m_daemon.exitCode(), 0);
 
     const QStringList logs =

@@ -27,16 +27,18 @@ void TestClientThread::waitsForUserId()
     ClientThread thread;
     thread.SetType(1);
     thread.SetData(QVariant("LongConnect"));
+    thread.setPollInterval(20);
     thread.start();
-    QTRY_VERIFY(thread.GetThreadId() != 0);
-    QTest::qWait(1300);
+    QTRY_VERIFY_WITH_TIMEOUT(thread.GetThreadId() != 0, 30000);
+    // Many polls go by without a user id.
+    QTest::qWait(300);
     QVERIFY(thread.client() == nullptr);
     QVERIFY(thread.isRunning());
 
     info.userId = "4242";
     DataCenter::getInstance()->SetLoginInfor(info);
-    // Picked up at the next one-second poll.
-    QTRY_VERIFY_WITH_TIMEOUT(thread.client() != nullptr, 1500);
+    // Picked up at the next poll.
+    QTRY_VERIFY_WITH_TIMEOUT(thread.client() != nullptr, 30000);
     MsgClient* client = thread.client();
     QCOMPARE(client->thread(), static_cast<QThread*>(&thread));
     QVERIFY(client->parent() == nullptr);
@@ -46,7 +48,7 @@ void TestClientThread::waitsForUserId()
     QTest::qWait(50);
     QVERIFY(thread.isRunning());
     thread.quit();
-    QVERIFY(thread.wait(5000));
+    QVERIFY(thread.wait(30000));
 }
 
 void TestClientThread::createdByThreadManager()
@@ -60,10 +62,10 @@ void TestClientThread::createdByThreadManager()
     QVERIFY(thread != nullptr);
     QCOMPARE(thread->GetType(), 1);
     QVERIFY(manager->CreateThread(1, QVariant("LongConnect")) == nullptr);
-    QTRY_VERIFY_WITH_TIMEOUT(thread->client() != nullptr, 1500);
+    QTRY_VERIFY_WITH_TIMEOUT(thread->client() != nullptr, 30000);
 
     thread->quit();
-    QVERIFY(thread->wait(5000));
+    QVERIFY(thread->wait(30000));
     manager->CleanThread();
     QVERIFY(!manager->IsExist(1));
 }

@@ -12,16 +12,113 @@ class tst_MainAppDetect : public QObject
 {
     Q_OBJECT
 private slots:
-    void initTestCase();
-    void init();
-    void cleanup();
-    void isFileLocked_data();
-    void isFileLocked();
-    void thread_clearsFlagOnceHolderIsGone();
-    void thread_quitBeforeRunDoesNoCheck();
+    void initTestCase()
+    {
+        m_log.start(1);
+        m_lockPath = m_dir.path() + "/mainapp.lock";
+    }
+    void init()
+    {
+        DataCenter::getInstance()->SetMainAppExist(true);
+        m_log.mark();
+    }
+    void cleanup()
+    {
+        if (m_holder.state() != QProcess::NotRunning) {
+            m_holder.kill();
+            m_holder.waitForFinished(3000);
+        }
+    }
+    void isFileLocked_data()
+    {
+        QTest::addColumn<bool>("held");
+        QTest::addColumn<QString>("path");
+        // "holder" announces the holder's pid, "other" a different one, "zero" none.
+        QTest::addColumn<QString>("announce");
+        QTest::addColumn<bool>("alive");
+        QTest::addColumn<QString>("line");
+        QTest::newRow("lock free") << false << "lock"
+                                   << "holder" << false << "627 is not runing!";
+        QTest::newRow("held by announced pid") << true << "lock"
+                                               << "holder" << true << "";
+        QTest::newRow("held by another pid")
+            << true << "lock"
+            << "other" << false << "627 is running, but pid(%1) is not same  with now appid(%2)!";
+        QTest::newRow("empty path") << false << ""
+                                    << "holder" << true << "";
+        QTest::newRow("announced id 0") << true << "lock"
+                                        << "zero" << true << "";
+    }
+    void isFileLocked()
+    {
+        QFETCH(bool, held);
+        QFETCH(QString, path);
+        QFETCH(QString, announce);
+        QFETCH(bool, alive);
+        QFETCH(QString, line);
+
+        if (held)
+            QVERIFY(startHolder());
+        const qint64 holderPid = held ? m_holder.processId() : 4242;
+        const int announced = announce == "holder"  ? int(holderPid)
+                              : announce == "other" ? int(holderPid) + 1
+                                                    : 0;
+        DataCenter* center = DataCenter::getInstance();
+        center->SetMainLockFile(path.isEmpty() ? QString() : m_lockPath);
+        center->SetMainAppId(announced);
+
+        CMainAppDetectThread detector;
+        QCOMPARE(detector.isFileLocked(), alive);
+        if (line.isEmpty())
+            QCOMPARE(logText(), QString());
+        else
+            QVERIFY2(logText().contains(line.arg(announced).arg(holderPid)), qPrintable(logText()));
+
+        // The free lock was taken and given back at once.
+        if (!held && !path.isEmpty())
+            QVERIFY(!QFile::exists(m_lockPath));
+        else if (held)
+            QVERIFY(QFile::exists(m_lockPath));
+    }
+    void thread_clearsFlagOnceHolderIsGone()
+    {
+        QVERIFY(startHolder());
+        DataCenter* center = DataCenter::getInstance();
+        center->SetMainLockFile(m_lockPath);
+        center->SetMainAppId(int(m_holder.processId()));
+
+        ThreadManager* manager = ThreadManager::GetInstance();
+        QVERIFY(manager->CreateThread(4, QVariant("MainAppDetect")));
+        QTRY_VERIFY(manager->IsExist(4));
+        m_holder.closeWriteChannel();
+        QVERIFY(m_holder.waitForFinished(30000));
+        QTRY_VERIFY_WITH_TIMEOUT(!center->IsMainAppExist(), 30000);
+
+        manager->StopThread(4, QVariant("MainAppDetect"));
+        QTRY_VERIFY_WITH_TIMEOUT(!manager->IsExist(4), 30000);
+        manager->CleanThread();
+    }
+    void thread_quitBeforeRunDoesNoCheck()
+    {
+        DataCenter* center = DataCenter::getInstance();
+        center->SetMainLockFile(m_lockPath);
+        center->SetMainAppId(0);
+
+        CMainAppDetectThread thread;
+        thread.Quit();
+        thread.start();
+        QVERIFY(thread.wait(30000));
+        QVERIFY(center->IsMainAppExist());
+        QVERIFY(!logText().contains("627 is not runing!"));
+        QVERIFY(logText().contains("mainapp detect thread receive quit flag"));
+    }
 
 private:
-    bool startHolder();
+    bool startHolder()
+    {
+        m_holder.start(QString(D627_BIN_DIR) + "/lockholder", {m_lockPath});
+        return m_holder.waitForReadyRead(30000) && m_holder.readLine().trimmed() == "locked";
+    }
     // Only what the current test function added to the log.
     QString logText() const { return m_log.since(); }
 
@@ -30,121 +127,6 @@ private:
     QProcess m_holder;
     LogCapture m_log;
 };
-
-void tst_MainAppDetect::initTestCase()
-{
-    m_log.start(1);
-    m_lockPath = m_dir.path() + "/mainapp.lock";
-}
-
-void tst_MainAppDetect::init()
-{
-    DataCenter::getInstance()->SetMainAppExist(true);
-    m_log.mark();
-}
-
-void tst_MainAppDetect::cleanup()
-{
-    if (m_holder.state() != QProcess::NotRunning) {
-        m_holder.kill();
-        m_holder.waitForFinished(3000);
-    }
-}
-
-bool tst_MainAppDetect::startHolder()
-{
-    m_holder.start(QString(D627_BIN_DIR) + "/lockholder", {m_lockPath});
-    return m_holder.waitForReadyRead(5000) && m_holder.readLine().trimmed() == "locked";
-}
-
-void tst_MainAppDetect::isFileLocked_data()
-{
-    QTest::addColumn<bool>("held");
-    QTest::addColumn<QString>("path");
-    // "holder" announces the holder's pid, "other" a different one, "zero" none.
-    QTest::addColumn<QString>("announce");
-    QTest::addColumn<bool>("alive");
-    QTest::addColumn<QString>("line");
-    QTest::newRow("lock free") << false << "lock"
-                               << "holder" << false << "627 is not runing!";
-    QTest::newRow("held by announced pid") << true << "lock"
-                                           << "holder" << true << "";
-    QTest::newRow("held by another pid")
-        << true << "lock"
-        << "other" << false << "627 is running, but pid(%1) is not same  with now appid(%2)!";
-    QTest::newRow("empty path") << false << ""
-                                << "holder" << true << "";
-    QTest::newRow("announced id 0") << true << "lock"
-                                    << "zero" << true << "";
-}
-
-void tst_MainAppDetect::isFileLocked()
-{
-    QFETCH(bool, held);
-    QFETCH(QString, path);
-    QFETCH(QString, announce);
-    QFETCH(bool, alive);
-    QFETCH(QString, line);
-
-    if (held)
-        QVERIFY(startHolder());
-    const qint64 holderPid = held ? m_holder.processId() : 4242;
-    const int announced = announce == "holder"  ? int(holderPid)
-                          : announce == "other" ? int(holderPid) + 1
-                                                : 0;
-    DataCenter* center = DataCenter::getInstance();
-    center->SetMainLockFile(path.isEmpty() ? QString() : m_lockPath);
-    center->SetMainAppId(announced);
-
-    CMainAppDetectThread detector;
-    QCOMPARE(detector.isFileLocked(), alive);
-    if (line.isEmpty())
-        QCOMPARE(logText(), QString());
-    else
-        QVERIFY2(logText().contains(line.arg(announced).arg(holderPid)), qPrintable(logText()));
-
-    // The free lock was taken and given back at once.
-    if (!held && !path.isEmpty())
-        QVERIFY(!QFile::exists(m_lockPath));
-    else if (held)
-        QVERIFY(QFile::exists(m_lockPath));
-}
-
-void tst_MainAppDetect::thread_clearsFlagOnceHolderIsGone()
-{
-    QVERIFY(startHolder());
-    DataCenter* center = DataCenter::getInstance();
-    center->SetMainLockFile(m_lockPath);
-    center->SetMainAppId(int(m_holder.processId()));
-
-    ThreadManager* manager = ThreadManager::GetInstance();
-    QVERIFY(manager->CreateThread(4, QVariant("MainAppDetect")));
-    QTest::qWait(1500);
-    QVERIFY(center->IsMainAppExist());
-
-    m_holder.closeWriteChannel();
-    QVERIFY(m_holder.waitForFinished(3000));
-    QTRY_VERIFY_WITH_TIMEOUT(!center->IsMainAppExist(), 3000);
-
-    manager->StopThread(4, QVariant("MainAppDetect"));
-    QTRY_VERIFY_WITH_TIMEOUT(!manager->IsExist(4), 3000);
-    manager->CleanThread();
-}
-
-void tst_MainAppDetect::thread_quitBeforeRunDoesNoCheck()
-{
-    DataCenter* center = DataCenter::getInstance();
-    center->SetMainLockFile(m_lockPath);
-    center->SetMainAppId(0);
-
-    CMainAppDetectThread thread;
-    thread.Quit();
-    thread.start();
-    QVERIFY(thread.wait(3000));
-    QVERIFY(center->IsMainAppExist());
-    QVERIFY(!logText().contains("627 is not runing!"));
-    QVERIFY(logText().contains("mainapp detect thread receive quit flag"));
-}
 
 QTEST_GUILESS_MAIN(tst_MainAppDetect)
 #include "tst_mainappdetect.moc"

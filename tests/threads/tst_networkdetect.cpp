@@ -11,71 +11,63 @@ class tst_NetworkDetect : public QObject
 {
     Q_OBJECT
 private slots:
-    void initTestCase();
-    void probe_followsReplyMarker();
-    void quitBeforeFirstPass_runsNoProbe();
+    void initTestCase()
+    {
+        QFile script(m_dir.path() + "/ping");
+        QVERIFY(script.open(QIODevice::WriteOnly));
+        script.write("#!/bin/sh\n"
+                     "echo \"$@\" >> \"$(dirname \"$0\")/args\"\n"
+                     "cat \"$(dirname \"$0\")/reply\" 2>/dev/null\n");
+        script.close();
+        script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        qputenv("PATH", m_dir.path().toUtf8() + ":" + qgetenv("PATH"));
+    }
+    void probe_followsReplyMarker()
+    {
+        DataCenter* center = DataCenter::getInstance();
+        setReply("64 bytes from host: icmp_seq=1 ttl=57 time=1.0 ms\n");
+        center->SetNetError(true);
+
+        CNetWorkDetectThread thread;
+        thread.start();
+        QTRY_VERIFY_WITH_TIMEOUT(!center->isNetError(), 30000);
+
+        // Only the lower-case marker counts.
+        setReply("Reply from host: bytes=32 time=1ms TTL=57\n");
+        QTRY_VERIFY_WITH_TIMEOUT(center->isNetError(), 30000);
+
+        setReply("64 bytes from host: icmp_seq=1 ttl=57 time=1.0 ms\n");
+        QTRY_VERIFY_WITH_TIMEOUT(!center->isNetError(), 30000);
+
+        thread.Quit();
+        QVERIFY(thread.wait(30000));
+
+        QFile args(m_dir.path() + "/args");
+        QVERIFY(args.open(QIODevice::ReadOnly));
+        const QByteArray first = args.readLine().trimmed();
+        QVERIFY2(first.endsWith(" -n 2 -w 500"), first.constData());
+        QCOMPARE(first.count(' '), 4);
+    }
+    void quitBeforeFirstPass_runsNoProbe()
+    {
+        QFile::remove(m_dir.path() + "/args");
+        CNetWorkDetectThread thread;
+        thread.Quit();
+        thread.start();
+        QVERIFY(thread.wait(30000));
+        QVERIFY(!QFile::exists(m_dir.path() + "/args"));
+    }
 
 private:
-    void setReply(const QByteArray& text);
+    void setReply(const QByteArray& text)
+    {
+        QFile reply(m_dir.path() + "/reply");
+        QVERIFY(reply.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        reply.write(text);
+    }
 
     QTemporaryDir m_dir;
 };
-
-void tst_NetworkDetect::initTestCase()
-{
-    QFile script(m_dir.path() + "/ping");
-    QVERIFY(script.open(QIODevice::WriteOnly));
-    script.write("#!/bin/sh\n"
-                 "echo \"$@\" >> \"$(dirname \"$0\")/args\"\n"
-                 "cat \"$(dirname \"$0\")/reply\" 2>/dev/null\n");
-    script.close();
-    script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    qputenv("PATH", m_dir.path().toUtf8() + ":" + qgetenv("PATH"));
-}
-
-void tst_NetworkDetect::setReply(const QByteArray& text)
-{
-    QFile reply(m_dir.path() + "/reply");
-    QVERIFY(reply.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    reply.write(text);
-}
-
-void tst_NetworkDetect::probe_followsReplyMarker()
-{
-    DataCenter* center = DataCenter::getInstance();
-    setReply("64 bytes from host: icmp_seq=1 ttl=57 time=1.0 ms\n");
-    center->SetNetError(true);
-
-    CNetWorkDetectThread thread;
-    thread.start();
-    QTRY_VERIFY_WITH_TIMEOUT(!center->isNetError(), 3000);
-
-    // Only the lower-case marker counts.
-    setReply("Reply from host: bytes=32 time=1ms TTL=57\n");
-    QTRY_VERIFY_WITH_TIMEOUT(center->isNetError(), 4000);
-
-    setReply("64 bytes from host: icmp_seq=1 ttl=57 time=1.0 ms\n");
-    QTRY_VERIFY_WITH_TIMEOUT(!center->isNetError(), 4000);
-
-    thread.Quit();
-    QVERIFY(thread.wait(5000));
-
-    QFile args(m_dir.path() + "/args");
-    QVERIFY(args.open(QIODevice::ReadOnly));
-    const QByteArray first = args.readLine().trimmed();
-    QVERIFY2(first.endsWith(" -n 2 -w 500"), first.constData());
-    QCOMPARE(first.count(' '), 4);
-}
-
-void tst_NetworkDetect::quitBeforeFirstPass_runsNoProbe()
-{
-    QFile::remove(m_dir.path() + "/args");
-    CNetWorkDetectThread thread;
-    thread.Quit();
-    thread.start();
-    QVERIFY(thread.wait(3000));
-    QVERIFY(!QFile::exists(m_dir.path() + "/args"));
-}
 
 QTEST_GUILESS_MAIN(tst_NetworkDetect)
 #include "tst_networkdetect.moc"

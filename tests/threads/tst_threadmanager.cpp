@@ -3,6 +3,7 @@
 #include "threads/threadmanager.h"
 
 #include <QPointer>
+#include <QSemaphore>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -23,6 +24,7 @@ private slots:
     void createThread_unknownTypes_data();
     void createThread_unknownTypes();
     void isExist_isBitTest();
+    void cleanThread_reapsAllFinishedInOneCall_data();
     void cleanThread_reapsAllFinishedInOneCall();
     void isInvalidThreadExist_emptyTag();
 
@@ -42,7 +44,7 @@ void tst_ThreadManager::initTestCase()
 void tst_ThreadManager::cleanup()
 {
     m_manager->FinishAllThread();
-    QTRY_VERIFY_WITH_TIMEOUT(!m_manager->IsExist(-1), 5000);
+    QTRY_VERIFY_WITH_TIMEOUT(!m_manager->IsExist(-1), 30000);
     m_manager->CleanThread();
 }
 
@@ -72,7 +74,7 @@ void tst_ThreadManager::stopThenCreate_makesSecondThread()
     QVERIFY(logText().contains("found main thread"));
     QVERIFY(logText().contains("mainapp detect thread receive quit flag"));
     // The stopped thread finishes on its own and is then reaped; the new one stays.
-    QTRY_VERIFY_WITH_TIMEOUT(first->isFinished(), 3000);
+    QTRY_VERIFY_WITH_TIMEOUT(first->isFinished(), 30000);
     m_manager->CleanThread();
     QVERIFY(first.isNull());
     QVERIFY(!second.isNull());
@@ -109,29 +111,58 @@ void tst_ThreadManager::isExist_isBitTest()
     // Validity and tag do not matter, only whether the thread has finished.
     m_manager->StopThread(4, kTag);
     QVERIFY(m_manager->IsExist(4));
-    QTRY_VERIFY_WITH_TIMEOUT(!m_manager->IsExist(4), 3000);
+    QTRY_VERIFY_WITH_TIMEOUT(!m_manager->IsExist(4), 30000);
+}
+
+void tst_ThreadManager::cleanThread_reapsAllFinishedInOneCall_data()
+{
+    QTest::addColumn<bool>("holdInFinish");
+    QTest::newRow("all finished") << false;
+    // "c" has left run() but is held inside its finished() signal: isFinished() is already
+    // true, yet the thread still runs its own finishing code and must not be deleted.
+    QTest::newRow("one still finishing") << true;
 }
 
 void tst_ThreadManager::cleanThread_reapsAllFinishedInOneCall()
 {
+    QFETCH(bool, holdInFinish);
     QList<QPointer<CBaseThread>> threads;
     for (const char* tag : {"a", "b", "c", "d"})
         threads << m_manager->CreateThread(4, QVariant(tag));
     for (const auto& thread : threads)
         QVERIFY(thread);
+    QSemaphore entered;
+    QSemaphore release;
+    if (holdInFinish) {
+        connect(
+            threads[2], &QThread::finished, threads[2],
+            [&] {
+                entered.release();
+                release.acquire();
+            },
+            Qt::DirectConnection);
+    }
 
     m_manager->StopThread(4, QVariant("a"));
     m_manager->StopThread(4, QVariant("c"));
     m_manager->StopThread(4, QVariant("d"));
     QTRY_VERIFY_WITH_TIMEOUT(
         threads[0]->isFinished() && threads[2]->isFinished() && threads[3]->isFinished(), 3000);
+    if (holdInFinish)
+        QVERIFY(entered.tryAcquire(1, 5000));
 
     m_manager->CleanThread();
     QVERIFY(threads[0].isNull());
-    QVERIFY(threads[2].isNull());
+    QCOMPARE(threads[2].isNull(), !holdInFinish);
     QVERIFY(threads[3].isNull());
     QVERIFY(!threads[1].isNull());
     QVERIFY(threads[1]->isRunning());
+    if (holdInFinish) {
+        release.release();
+        QVERIFY(threads[2]->wait(5000));
+        m_manager->CleanThread();
+        QVERIFY(threads[2].isNull());
+    }
 }
 
 void tst_ThreadManager::isInvalidThreadExist_emptyTag()

@@ -1,5 +1,5 @@
-// CRequestHttps against a real HTTP(S) server on 127.0.0.1 (HttpStub), plus the pure URL and
-// cookie rules.
+// CRequestHttps against a real HTTP(S) server on 127.0.0.1 (HttpStub), plus the URL and cookie
+// rules.
 
 #include "core/datacenter.h"
 #include "httpstub.h"
@@ -43,350 +43,301 @@ quint16 refusedPort()
 class TestRequestHttps : public QObject
 {
     Q_OBJECT
+    HttpStub m_http;
 
 private slots:
-    void init();
+    void init()
+    {
+        DataCenter::getInstance()->SetSetting(0);
+        DataCenter::getInstance()->SetUserAgent(kUserAgent);
+        setRecordCookie(QString());
+        m_http.clearRequests();
+        if (m_http.port() == 0)
+            QVERIFY(m_http.listen(0));
+        m_http.route("/echo", [](const HttpStubRequest&) { return HttpStubResponse::json("{}"); });
+    }
+    void requestHeaders_data()
+    {
+        QTest::addColumn<int>("method");
+        QTest::addColumn<QString>("callerContentType");
+        QTest::addColumn<QByteArray>("expectedMethod");
+        QTest::addColumn<QByteArray>("expectedContentType");
 
-    void requestHeaders_data();
-    void requestHeaders();
-    void configUrl_data();
-    void configUrl();
-    void replyClassification_data();
-    void replyClassification();
-    void transportErrorGivesErrorText();
-    void oneObjectServesTwoCallsAfterAnError();
-    void unsupportedMethodDoesNotWait();
-    void setCookieValue_data();
-    void setCookieValue();
-    void setCookieFromReply_data();
-    void setCookieFromReply();
-    void jarAndETagAreReadBack();
-    void httpsRequestAgainstTlsServer();
-    void formOverloadPostsMultipart();
+        const QByteArray form = "application/x-www-form-urlencoded;charset=UTF-8";
+        QTest::newRow("post default type") << 1 << QString() << QByteArray("POST") << form;
+        QTest::newRow("post keeps caller type")
+            << 1 << "application/json" << QByteArray("POST") << QByteArray("application/json");
+        QTest::newRow("get has none") << 0 << QString() << QByteArray("GET") << QByteArray();
+        QTest::newRow("delete has none") << 4 << QString() << QByteArray("DELETE") << QByteArray();
+        QTest::newRow("head has none") << 3 << QString() << QByteArray("HEAD") << QByteArray();
+    }
+    void requestHeaders()
+    {
+        QFETCH(int, method);
+        QFETCH(QString, callerContentType);
+        QFETCH(QByteArray, expectedMethod);
+        QFETCH(QByteArray, expectedContentType);
 
-private:
-    HttpStub m_http;
+        QMap<QString, QString> headers;
+        headers["User-Agent"] = "caller-agent";
+        headers["X-Extra"] = "extra-value";
+        if (!callerContentType.isEmpty())
+            headers["Content-Type"] = callerContentType;
+
+        CRequestHttps request;
+        QByteArray reply;
+        QCOMPARE(request.SendRequest(m_http.baseUrl() + "/echo", method, headers, "body=1", reply),
+                 0);
+
+        const QList<HttpStubRequest> seen = m_http.requests();
+        QCOMPARE(seen.size(), 1);
+        QCOMPARE(seen[0].method, expectedMethod);
+        QCOMPARE(seen[0].header("content-type"), expectedContentType);
+        QCOMPARE(seen[0].header("user-agent"), QByteArray(kUserAgent));
+        QCOMPARE(seen[0].header("x-extra"), QByteArray("extra-value"));
+        QCOMPARE(seen[0].body, method == 1 ? QByteArray("body=1") : QByteArray());
+    }
+    void configUrl_data()
+    {
+        QTest::addColumn<int>("setting");
+        QTest::addColumn<QString>("url");
+        QTest::addColumn<QString>("expectedUrl");
+        QTest::addColumn<bool>("expectedTls");
+
+        const QString plain = "http://api.627.example/get_tcp_server";
+        QTest::newRow("no setting") << 0 << plain << plain << false;
+        QTest::newRow("https setting")
+            << 2 << plain << "https://api.627.example/get_tcp_server" << true;
+        QTest::newRow("rc rewrites host, keeps http")
+            << 1 << plain << "http://api.627rc.example/get_tcp_server" << false;
+        QTest::newRow("rc wins over https")
+            << 3 << plain << "http://api.627rc.example/get_tcp_server" << false;
+        QTest::newRow("rc first occurrence only") << 1 << "http://a.627.b.627.c/p"
+                                                  << "http://a.627rc.b.627.c/p" << false;
+        QTest::newRow("rc keeps https scheme") << 1 << "https://x.627.y/p"
+                                               << "https://x.627rc.y/p" << true;
+        QTest::newRow("invalid url unchanged") << 2 << "http://exa mple.com:99999/"
+                                               << "http://exa mple.com:99999/" << false;
+    }
+    void configUrl()
+    {
+        QFETCH(int, setting);
+        QFETCH(QString, url);
+        QFETCH(QString, expectedUrl);
+        QFETCH(bool, expectedTls);
+
+        DataCenter::getInstance()->SetSetting(setting);
+        CRequestHttps request;
+        QCOMPARE(request.ConfigUrl(url), expectedTls);
+        QCOMPARE(url, expectedUrl);
+    }
+    void replyClassification_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<int>("expectedResult");
+
+        QTest::newRow("200 with body") << 200 << QByteArray("{\"state\":1}") << 0;
+        QTest::newRow("404 page") << 404 << QByteArray("no such page") << -1;
+        QTest::newRow("204 no content") << 204 << QByteArray() << -1;
+    }
+    void replyClassification()
+    {
+        QFETCH(int, status);
+        QFETCH(QByteArray, body);
+        QFETCH(int, expectedResult);
+
+        m_http.route("/status", [=](const HttpStubRequest&) {
+            HttpStubResponse response;
+            response.status = status;
+            response.body = body;
+            return response;
+        });
+        CRequestHttps request;
+        QByteArray reply = "stale";
+        QCOMPARE(request.SendRequest(m_http.baseUrl() + "/status", 0, {}, {}, reply),
+                 expectedResult);
+        QCOMPARE(reply, body);
+    }
+    void transportErrorGivesErrorText()
+    {
+        CRequestHttps request;
+        QByteArray reply;
+        const QString url = QString("http://127.0.0.1:%1/get_tcp_server").arg(refusedPort());
+        QCOMPARE(request.SendRequest(url, 1, {}, {}, reply), -1);
+        QVERIFY2(reply.contains("refused"), reply.constData());
+
+        // A server that drops the connection without answering is a transport error as well.
+        m_http.route("/drop", [](const HttpStubRequest&) {
+            HttpStubResponse response;
+            response.drop = true;
+            return response;
+        });
+        reply.clear();
+        QCOMPARE(request.SendRequest(m_http.baseUrl() + "/drop", 0, {}, {}, reply), -1);
+        QVERIFY(!reply.isEmpty());
+    }
+    void oneObjectServesTwoCallsAfterAnError()
+    {
+        // A failed request followed by a slow good one on the same object: a late signal of the
+        // first reply must not end the second wait early.
+        m_http.route("/slow", [](const HttpStubRequest&) {
+            HttpStubResponse response = HttpStubResponse::json("slow answer");
+            response.delayMs = 300;
+            return response;
+        });
+        CRequestHttps request;
+        QByteArray reply;
+        QCOMPARE(request.SendRequest(m_http.baseUrl() + "/missing", 0, {}, {}, reply), -1);
+        QCOMPARE(request.SendRequest(m_http.baseUrl() + "/slow", 1, {}, {}, reply), 0);
+        QCOMPARE(reply, QByteArray("slow answer"));
+    }
+    void unsupportedMethodDoesNotWait()
+    {
+        CRequestHttps request;
+        QByteArray reply;
+        QCOMPARE(request.SendRequest(m_http.baseUrl() + "/echo", 2, {}, {}, reply), -1);
+        QCOMPARE(request.SendRequest(m_http.baseUrl() + "/echo", 3, {}, {}, reply, nullptr), -1);
+        QCOMPARE(m_http.requests().size(), 0);
+    }
+    void setCookieValue_data()
+    {
+        QTest::addColumn<QStringList>("cookies");
+        QTest::addColumn<QString>("cookie");
+        QTest::addColumn<bool>("expectedResult");
+        QTest::addColumn<QStringList>("expectedCookies");
+
+        const QStringList base = {"USERSESSIONID=u", "PHPSESSID=old", ""};
+        QTest::newRow("replace changed value")
+            << base << "PHPSESSID=abc" << true
+            << QStringList{"USERSESSIONID=u", "PHPSESSID=abc", ""};
+        QTest::newRow("same value is no change") << base << "PHPSESSID=old" << false << base;
+        QTest::newRow("append unknown")
+            << base << "acw_tc=t" << true
+            << QStringList{"USERSESSIONID=u", "PHPSESSID=old", "", "acw_tc=t"};
+        QTest::newRow("no equals sign") << base << "PHPSESSID" << false << base;
+        QTest::newRow("two equals signs") << base << "PHPSESSID=a=b" << false << base;
+        QTest::newRow("prefix matches longer name")
+            << QStringList{"PHPSESSIDX=1"} << "PHPSESSID=2" << true << QStringList{"PHPSESSID=2"};
+    }
+    void setCookieValue()
+    {
+        QFETCH(QStringList, cookies);
+        QFETCH(QString, cookie);
+        QFETCH(bool, expectedResult);
+        QFETCH(QStringList, expectedCookies);
+
+        CRequestHttps request;
+        QCOMPARE(request.SetCookieValue(cookies, cookie), expectedResult);
+        QCOMPARE(cookies, expectedCookies);
+    }
+    void setCookieFromReply_data()
+    {
+        QTest::addColumn<QString>("recordCookie");
+        QTest::addColumn<QByteArrayList>("setCookieLines");
+        QTest::addColumn<QString>("expectedCookie");
+
+        QTest::newRow("session replaced")
+            << "USERSESSIONID=u;PHPSESSID=old;" << QByteArrayList{"PHPSESSID=abc; path=/; HttpOnly"}
+            << "USERSESSIONID=u;PHPSESSID=abc;";
+        QTest::newRow("last matching part decides") << "USERSESSIONID=u;PHPSESSID=old;acw_tc=same;"
+                                                    << QByteArrayList{"PHPSESSID=abc;acw_tc=same"}
+                                                    << "USERSESSIONID=u;PHPSESSID=old;acw_tc=same;";
+        QTest::newRow("blank after semicolon appends")
+            << "USERSESSIONID=u; PHPSESSID=old;" << QByteArrayList{"PHPSESSID=abc; path=/"}
+            << "USERSESSIONID=u; PHPSESSID=old;PHPSESSID=abc;";
+        QTest::newRow("empty record starts a list")
+            << QString() << QByteArrayList{"acw_tc=t1; path=/"} << "acw_tc=t1;";
+        QTest::newRow("other cookies ignored")
+            << "USERSESSIONID=u;" << QByteArrayList{"theme=dark; path=/"} << "USERSESSIONID=u;";
+        QTest::newRow("unchanged value stores nothing")
+            << "USERSESSIONID=u;" << QByteArrayList{"USERSESSIONID=u; path=/"}
+            << "USERSESSIONID=u;";
+    }
+    void setCookieFromReply()
+    {
+        QFETCH(QString, recordCookie);
+        QFETCH(QByteArrayList, setCookieLines);
+        QFETCH(QString, expectedCookie);
+
+        setRecordCookie(recordCookie);
+        m_http.route("/login", [=](const HttpStubRequest&) {
+            HttpStubResponse response = HttpStubResponse::json("{}");
+            for (const QByteArray& line : setCookieLines)
+                response.headers.append(qMakePair(QByteArray("Set-Cookie"), line));
+            return response;
+        });
+        CRequestHttps request;
+        QByteArray reply;
+        QCOMPARE(request.SendRequest(m_http.baseUrl() + "/login", 0, {}, {}, reply), 0);
+        QCOMPARE(::recordCookie(), expectedCookie);
+    }
+    void jarAndETagAreReadBack()
+    {
+        m_http.route("/tagged", [](const HttpStubRequest&) {
+            HttpStubResponse response = HttpStubResponse::json("x");
+            response.headers.append(qMakePair(QByteArray("ETag"), QByteArray("\"v42\"")));
+            response.headers.append(
+                qMakePair(QByteArray("Set-Cookie"), QByteArray("acw_tc=jar1; path=/")));
+            return response;
+        });
+        CRequestHttps request;
+        QByteArray reply;
+        QCOMPARE(request.SendRequest(m_http.baseUrl() + "/tagged", 0, {}, {}, reply), 0);
+        QCOMPARE(request.GetETag(), QString("\"v42\""));
+        QCOMPARE(request.getCookies().size(), 1);
+        QCOMPARE(request.getCookies().at(0).name(), QByteArray("acw_tc"));
+        QCOMPARE(request.getCookies().at(0).value(), QByteArray("jar1"));
+
+        // The next call starts with an empty jar: nothing from the first reply is sent back,
+        // and the cookie list is that of the new reply only.
+        m_http.clearRequests();
+        QCOMPARE(request.SendRequest(m_http.baseUrl() + "/echo", 0, {}, {}, reply), 0);
+        QCOMPARE(m_http.requests().at(0).header("cookie"), QByteArray());
+        QVERIFY(request.getCookies().isEmpty());
+        QVERIFY(request.GetETag().isEmpty());
+    }
+    void httpsRequestAgainstTlsServer()
+    {
+        HttpStub tls;
+        if (!tls.listenTls(0))
+            QSKIP("no TLS certificate could be made");
+        tls.route("/check",
+                  [](const HttpStubRequest&) { return HttpStubResponse::json("secure"); });
+
+        // The https setting turns the http URL into https; the self-signed certificate is accepted
+        // because certificates are not verified.
+        DataCenter::getInstance()->SetSetting(2);
+        CRequestHttps request;
+        QByteArray reply;
+        const QString url = QString("http://127.0.0.1:%1/check").arg(tls.port());
+        QCOMPARE(request.SendRequest(url, 0, {{"cookie", "PHPSESSID=p;"}}, {}, reply), 0);
+        QCOMPARE(reply, QByteArray("secure"));
+        QCOMPARE(tls.requests().size(), 1);
+        QCOMPARE(tls.requests().at(0).header("cookie"), QByteArray("PHPSESSID=p;"));
+
+        // Without the setting, plain http against the TLS port fails at the transport level.
+        DataCenter::getInstance()->SetSetting(0);
+        CRequestHttps plain;
+        QCOMPARE(plain.SendRequest(url, 0, {}, {}, reply), -1);
+    }
+    void formOverloadPostsMultipart()
+    {
+        QMap<QString, QString> parts{{"b", "two"}, {"a", "one"}};
+        CRequestHttps request;
+        QByteArray reply;
+        QCOMPARE(request.SendRequest(m_http.baseUrl() + "/echo", 1, {}, "ignored", reply, &parts),
+                 0);
+        const HttpStubRequest seen = m_http.requests().at(0);
+        QVERIFY(seen.header("content-type").startsWith("multipart/form-data"));
+        const int a = seen.body.indexOf("form-data; name=\"a\"");
+        const int b = seen.body.indexOf("form-data; name=\"b\"");
+        QVERIFY(a >= 0 && b > a);
+        QVERIFY(seen.body.contains("one") && seen.body.contains("two"));
+        QVERIFY(!seen.body.contains("ignored"));
+        QCOMPARE(seen.header("user-agent"), QByteArray(kUserAgent));
+    }
 };
-
-void TestRequestHttps::init()
-{
-    DataCenter::getInstance()->SetSetting(0);
-    DataCenter::getInstance()->SetUserAgent(kUserAgent);
-    setRecordCookie(QString());
-    m_http.clearRequests();
-    if (m_http.port() == 0)
-        QVERIFY(m_http.listen(0));
-    m_http.route("/echo", [](const HttpStubRequest&) { return HttpStubResponse::json("{}"); });
-}
-
-void TestRequestHttps::requestHeaders_data()
-{
-    QTest::addColumn<int>("method");
-    QTest::addColumn<QString>("callerContentType");
-    QTest::addColumn<QByteArray>("expectedMethod");
-    QTest::addColumn<QByteArray>("expectedContentType");
-
-    const QByteArray form = "application/x-www-form-urlencoded;charset=UTF-8";
-    QTest::newRow("post default type") << 1 << QString() << QByteArray("POST") << form;
-    QTest::newRow("post keeps caller type")
-        << 1 << "application/json" << QByteArray("POST") << QByteArray("application/json");
-    QTest::newRow("get has none") << 0 << QString() << QByteArray("GET") << QByteArray();
-    QTest::newRow("delete has none") << 4 << QString() << QByteArray("DELETE") << QByteArray();
-    QTest::newRow("head has none") << 3 << QString() << QByteArray("HEAD") << QByteArray();
-}
-
-void TestRequestHttps::requestHeaders()
-{
-    QFETCH(int, method);
-    QFETCH(QString, callerContentType);
-    QFETCH(QByteArray, expectedMethod);
-    QFETCH(QByteArray, expectedContentType);
-
-    QMap<QString, QString> headers;
-    headers["User-Agent"] = "caller-agent";
-    headers["X-Extra"] = "extra-value";
-    if (!callerContentType.isEmpty())
-        headers["Content-Type"] = callerContentType;
-
-    CRequestHttps request;
-    QByteArray reply;
-    QCOMPARE(request.SendRequest(m_http.baseUrl() + "/echo", method, headers, "body=1", reply), 0);
-
-    const QList<HttpStubRequest> seen = m_http.requests();
-    QCOMPARE(seen.size(), 1);
-    QCOMPARE(seen[0].method, expectedMethod);
-    QCOMPARE(seen[0].header("content-type"), expectedContentType);
-    QCOMPARE(seen[0].header("user-agent"), QByteArray(kUserAgent));
-    QCOMPARE(seen[0].header("x-extra"), QByteArray("extra-value"));
-    QCOMPARE(seen[0].body, method == 1 ? QByteArray("body=1") : QByteArray());
-}
-
-void TestRequestHttps::configUrl_data()
-{
-    QTest::addColumn<int>("setting");
-    QTest::addColumn<QString>("url");
-    QTest::addColumn<QString>("expectedUrl");
-    QTest::addColumn<bool>("expectedTls");
-
-    const QString plain = "http://api.627.example/get_tcp_server";
-    QTest::newRow("no setting") << 0 << plain << plain << false;
-    QTest::newRow("https setting")
-        << 2 << plain << "https://api.627.example/get_tcp_server" << true;
-    QTest::newRow("https stays https") << 0 << "https://api.627.example/x"
-                                       << "https://api.627.example/x" << true;
-    QTest::newRow("rc rewrites host, keeps http")
-        << 1 << plain << "http://api.627rc.example/get_tcp_server" << false;
-    QTest::newRow("rc wins over https")
-        << 3 << plain << "http://api.627rc.example/get_tcp_server" << false;
-    QTest::newRow("rc first occurrence only") << 1 << "http://a.627.b.627.c/p"
-                                              << "http://a.627rc.b.627.c/p" << false;
-    QTest::newRow("rc without marker") << 1 << "http://api.example/p"
-                                       << "http://api.example/p" << false;
-    QTest::newRow("rc keeps https scheme") << 1 << "https://x.627.y/p"
-                                           << "https://x.627rc.y/p" << true;
-    QTest::newRow("rc marker in path only") << 1 << "http://h.example/.627./p"
-                                            << "http://h.example/.627./p" << false;
-    QTest::newRow("https setting on ftp") << 2 << "ftp://h.example/f"
-                                          << "ftp://h.example/f" << false;
-    QTest::newRow("invalid url unchanged") << 2 << "http://exa mple.com:99999/"
-                                           << "http://exa mple.com:99999/" << false;
-}
-
-void TestRequestHttps::configUrl()
-{
-    QFETCH(int, setting);
-    QFETCH(QString, url);
-    QFETCH(QString, expectedUrl);
-    QFETCH(bool, expectedTls);
-
-    DataCenter::getInstance()->SetSetting(setting);
-    CRequestHttps request;
-    QCOMPARE(request.ConfigUrl(url), expectedTls);
-    QCOMPARE(url, expectedUrl);
-}
-
-void TestRequestHttps::replyClassification_data()
-{
-    QTest::addColumn<int>("status");
-    QTest::addColumn<QByteArray>("body");
-    QTest::addColumn<int>("expectedResult");
-
-    QTest::newRow("200 with body") << 200 << QByteArray("{\"state\":1}") << 0;
-    QTest::newRow("200 empty") << 200 << QByteArray() << 0;
-    QTest::newRow("404 page") << 404 << QByteArray("no such page") << -1;
-    QTest::newRow("500 page") << 500 << QByteArray("server broke") << -1;
-    QTest::newRow("204 no content") << 204 << QByteArray() << -1;
-}
-
-void TestRequestHttps::replyClassification()
-{
-    QFETCH(int, status);
-    QFETCH(QByteArray, body);
-    QFETCH(int, expectedResult);
-
-    m_http.route("/status", [=](const HttpStubRequest&) {
-        HttpStubResponse response;
-        response.status = status;
-        response.body = body;
-        return response;
-    });
-    CRequestHttps request;
-    QByteArray reply = "stale";
-    QCOMPARE(request.SendRequest(m_http.baseUrl() + "/status", 0, {}, {}, reply), expectedResult);
-    QCOMPARE(reply, body);
-}
-
-void TestRequestHttps::transportErrorGivesErrorText()
-{
-    CRequestHttps request;
-    QByteArray reply;
-    const QString url = QString("http://127.0.0.1:%1/get_tcp_server").arg(refusedPort());
-    QCOMPARE(request.SendRequest(url, 1, {}, {}, reply), -1);
-    QVERIFY2(reply.contains("refused"), reply.constData());
-
-    // A server that drops the connection without answering is a transport error as well.
-    m_http.route("/drop", [](const HttpStubRequest&) {
-        HttpStubResponse response;
-        response.drop = true;
-        return response;
-    });
-    reply.clear();
-    QCOMPARE(request.SendRequest(m_http.baseUrl() + "/drop", 0, {}, {}, reply), -1);
-    QVERIFY(!reply.isEmpty());
-}
-
-void TestRequestHttps::oneObjectServesTwoCallsAfterAnError()
-{
-    // A failed request followed by a slow good one on the same object: a late signal of the
-    // first reply must not end the second wait early.
-    m_http.route("/slow", [](const HttpStubRequest&) {
-        HttpStubResponse response = HttpStubResponse::json("slow answer");
-        response.delayMs = 300;
-        return response;
-    });
-    CRequestHttps request;
-    QByteArray reply;
-    QCOMPARE(request.SendRequest(m_http.baseUrl() + "/missing", 0, {}, {}, reply), -1);
-    QCOMPARE(request.SendRequest(m_http.baseUrl() + "/slow", 1, {}, {}, reply), 0);
-    QCOMPARE(reply, QByteArray("slow answer"));
-}
-
-void TestRequestHttps::unsupportedMethodDoesNotWait()
-{
-    CRequestHttps request;
-    QByteArray reply;
-    QCOMPARE(request.SendRequest(m_http.baseUrl() + "/echo", 2, {}, {}, reply), -1);
-    QCOMPARE(request.SendRequest(m_http.baseUrl() + "/echo", 3, {}, {}, reply, nullptr), -1);
-    QCOMPARE(m_http.requests().size(), 0);
-}
-
-void TestRequestHttps::setCookieValue_data()
-{
-    QTest::addColumn<QStringList>("cookies");
-    QTest::addColumn<QString>("cookie");
-    QTest::addColumn<bool>("expectedResult");
-    QTest::addColumn<QStringList>("expectedCookies");
-
-    const QStringList base = {"USERSESSIONID=u", "PHPSESSID=old", ""};
-    QTest::newRow("replace changed value")
-        << base << "PHPSESSID=abc" << true << QStringList{"USERSESSIONID=u", "PHPSESSID=abc", ""};
-    QTest::newRow("same value is no change") << base << "PHPSESSID=old" << false << base;
-    QTest::newRow("append unknown")
-        << base << "acw_tc=t" << true
-        << QStringList{"USERSESSIONID=u", "PHPSESSID=old", "", "acw_tc=t"};
-    QTest::newRow("no equals sign") << base << "PHPSESSID" << false << base;
-    QTest::newRow("two equals signs") << base << "PHPSESSID=a=b" << false << base;
-    QTest::newRow("prefix matches longer name")
-        << QStringList{"PHPSESSIDX=1"} << "PHPSESSID=2" << true << QStringList{"PHPSESSID=2"};
-    QTest::newRow("match with unusable entry")
-        << QStringList{"PHPSESSID=a=b"} << "PHPSESSID=c" << false << QStringList{"PHPSESSID=a=b"};
-    QTest::newRow("leading blank does not match")
-        << QStringList{"USERSESSIONID=u", " PHPSESSID=old"} << "PHPSESSID=abc" << true
-        << QStringList{"USERSESSIONID=u", " PHPSESSID=old", "PHPSESSID=abc"};
-    QTest::newRow("case-sensitive value")
-        << QStringList{"acw_tc=Same"} << "acw_tc=same" << true << QStringList{"acw_tc=same"};
-    QTest::newRow("empty list") << QStringList{} << "acw_tc=x" << true << QStringList{"acw_tc=x"};
-}
-
-void TestRequestHttps::setCookieValue()
-{
-    QFETCH(QStringList, cookies);
-    QFETCH(QString, cookie);
-    QFETCH(bool, expectedResult);
-    QFETCH(QStringList, expectedCookies);
-
-    CRequestHttps request;
-    QCOMPARE(request.SetCookieValue(cookies, cookie), expectedResult);
-    QCOMPARE(cookies, expectedCookies);
-}
-
-void TestRequestHttps::setCookieFromReply_data()
-{
-    QTest::addColumn<QString>("recordCookie");
-    QTest::addColumn<QByteArrayList>("setCookieLines");
-    QTest::addColumn<QString>("expectedCookie");
-
-    QTest::newRow("session replaced")
-        << "USERSESSIONID=u;PHPSESSID=old;" << QByteArrayList{"PHPSESSID=abc; path=/; HttpOnly"}
-        << "USERSESSIONID=u;PHPSESSID=abc;";
-    QTest::newRow("last matching part decides") << "USERSESSIONID=u;PHPSESSID=old;acw_tc=same;"
-                                                << QByteArrayList{"PHPSESSID=abc;acw_tc=same"}
-                                                << "USERSESSIONID=u;PHPSESSID=old;acw_tc=same;";
-    QTest::newRow("blank after semicolon appends")
-        << "USERSESSIONID=u; PHPSESSID=old;" << QByteArrayList{"PHPSESSID=abc; path=/"}
-        << "USERSESSIONID=u; PHPSESSID=old;PHPSESSID=abc;";
-    QTest::newRow("empty record starts a list")
-        << QString() << QByteArrayList{"acw_tc=t1; path=/"} << "acw_tc=t1;";
-    QTest::newRow("other cookies ignored")
-        << "USERSESSIONID=u;" << QByteArrayList{"theme=dark; path=/"} << "USERSESSIONID=u;";
-    QTest::newRow("unchanged value stores nothing")
-        << "USERSESSIONID=u;" << QByteArrayList{"USERSESSIONID=u; path=/"} << "USERSESSIONID=u;";
-}
-
-void TestRequestHttps::setCookieFromReply()
-{
-    QFETCH(QString, recordCookie);
-    QFETCH(QByteArrayList, setCookieLines);
-    QFETCH(QString, expectedCookie);
-
-    setRecordCookie(recordCookie);
-    m_http.route("/login", [=](const HttpStubRequest&) {
-        HttpStubResponse response = HttpStubResponse::json("{}");
-        for (const QByteArray& line : setCookieLines)
-            response.headers.append(qMakePair(QByteArray("Set-Cookie"), line));
-        return response;
-    });
-    CRequestHttps request;
-    QByteArray reply;
-    QCOMPARE(request.SendRequest(m_http.baseUrl() + "/login", 0, {}, {}, reply), 0);
-    QCOMPARE(::recordCookie(), expectedCookie);
-}
-
-void TestRequestHttps::jarAndETagAreReadBack()
-{
-    m_http.route("/tagged", [](const HttpStubRequest&) {
-        HttpStubResponse response = HttpStubResponse::json("x");
-        response.headers.append(qMakePair(QByteArray("ETag"), QByteArray("\"v42\"")));
-        response.headers.append(
-            qMakePair(QByteArray("Set-Cookie"), QByteArray("acw_tc=jar1; path=/")));
-        return response;
-    });
-    CRequestHttps request;
-    QByteArray reply;
-    QCOMPARE(request.SendRequest(m_http.baseUrl() + "/tagged", 0, {}, {}, reply), 0);
-    QCOMPARE(request.GetETag(), QString("\"v42\""));
-    QCOMPARE(request.getCookies().size(), 1);
-    QCOMPARE(request.getCookies().at(0).name(), QByteArray("acw_tc"));
-    QCOMPARE(request.getCookies().at(0).value(), QByteArray("jar1"));
-
-    // The next call starts with an empty jar: nothing from the first reply is sent back,
-    // and the cookie list is that of the new reply only.
-    m_http.clearRequests();
-    QCOMPARE(request.SendRequest(m_http.baseUrl() + "/echo", 0, {}, {}, reply), 0);
-    QCOMPARE(m_http.requests().at(0).header("cookie"), QByteArray());
-    QVERIFY(request.getCookies().isEmpty());
-    QVERIFY(request.GetETag().isEmpty());
-}
-
-void TestRequestHttps::httpsRequestAgainstTlsServer()
-{
-    HttpStub tls;
-    if (!tls.listenTls(0))
-        QSKIP("no TLS certificate could be made");
-    tls.route("/check", [](const HttpStubRequest&) { return HttpStubResponse::json("secure"); });
-
-    // The https setting turns the http URL into https; the self-signed certificate is accepted
-    // because certificates are not verified.
-    DataCenter::getInstance()->SetSetting(2);
-    CRequestHttps request;
-    QByteArray reply;
-    const QString url = QString("http://127.0.0.1:%1/check").arg(tls.port());
-    QCOMPARE(request.SendRequest(url, 0, {{"cookie", "PHPSESSID=p;"}}, {}, reply), 0);
-    QCOMPARE(reply, QByteArray("secure"));
-    QCOMPARE(tls.requests().size(), 1);
-    QCOMPARE(tls.requests().at(0).header("cookie"), QByteArray("PHPSESSID=p;"));
-
-    // Without the setting, plain http against the TLS port fails at the transport level.
-    DataCenter::getInstance()->SetSetting(0);
-    CRequestHttps plain;
-    QCOMPARE(plain.SendRequest(url, 0, {}, {}, reply), -1);
-}
-
-void TestRequestHttps::formOverloadPostsMultipart()
-{
-    QMap<QString, QString> parts{{"b", "two"}, {"a", "one"}};
-    CRequestHttps request;
-    QByteArray reply;
-    QCOMPARE(request.SendRequest(m_http.baseUrl() + "/echo", 1, {}, "ignored", reply, &parts), 0);
-    const HttpStubRequest seen = m_http.requests().at(0);
-    QVERIFY(seen.header("content-type").startsWith("multipart/form-data"));
-    const int a = seen.body.indexOf("form-data; name=\"a\"");
-    const int b = seen.body.indexOf("form-data; name=\"b\"");
-    QVERIFY(a >= 0 && b > a);
-    QVERIFY(seen.body.contains("one") && seen.body.contains("two"));
-    QVERIFY(!seen.body.contains("ignored"));
-    QCOMPARE(seen.header("user-agent"), QByteArray(kUserAgent));
-}
 
 QTEST_GUILESS_MAIN(TestRequestHttps)
 #include "tst_requesthttps.moc"

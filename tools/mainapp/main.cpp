@@ -1,7 +1,9 @@
 // d627-mainapp: plays the main application on one machine. It holds its own single-instance
 // lock file, starts the daemon when none answers on the local server, sends the login
 // message built from its options, prints every message the daemon sends as a timestamped
-// line, and sends {"exit":true} on the stdin line "exit" or on Ctrl-C.
+// line, and sends {"exit":true} on the stdin line "exit" or on Ctrl-C. It starts the daemon
+// with TMPDIR set to a folder private to its user, and sends the login only to a daemon whose
+// peer user id is its own.
 //
 // Other stdin lines: "login" sends the login message again, "drop" closes the local link
 // (the daemon's watchdog then looks at our lock file), "connect" opens it again, "quit" leaves
@@ -62,10 +64,17 @@ int main(int argc, char** argv)
                                        "text", "d627-mainapp/1.0");
     const QCommandLineOption logLevel("loglevel", "Log threshold for the daemon (0 off).", "n",
                                       "1");
-    const QCommandLineOption lockFile("lockfile", "Our own lock file.", "path",
-                                      QDir::tempPath() + "/d627-mainapp.lock");
+    const QCommandLineOption lockFile("lockfile",
+                                      "Our own lock file (default: d627-mainapp.lock in the "
+                                      "daemon's TMPDIR).",
+                                      "path");
+    const QCommandLineOption tmpDir("tmpdir",
+                                    "TMPDIR for the daemon (default: $XDG_RUNTIME_DIR/d627, else "
+                                    "<temp>/d627-<uid>, created owner-only).",
+                                    "path");
     const QCommandLineOption stayOption("stay", "Keep running when the daemon goes away.");
-    parser.addOptions({daemon, userId, cookie, setting, userAgent, logLevel, lockFile, stayOption});
+    parser.addOptions(
+        {daemon, userId, cookie, setting, userAgent, logLevel, lockFile, tmpDir, stayOption});
     const QCommandLineOption libraryPath(
         "library-path", "Folder put first on the started daemon's LD_LIBRARY_PATH.", "dir",
         defaultLibraryPath());
@@ -80,7 +89,10 @@ int main(int argc, char** argv)
     options.setting = parser.value(setting).toInt();
     options.userAgent = parser.value(userAgent);
     options.logLevel = parser.value(logLevel).toInt();
-    options.lockFile = parser.value(lockFile);
+    options.privateTmpDir = !parser.isSet(tmpDir);
+    options.tmpDir = options.privateTmpDir ? defaultPrivateTmpDir() : parser.value(tmpDir);
+    options.lockFile =
+        parser.isSet(lockFile) ? parser.value(lockFile) : options.tmpDir + "/d627-mainapp.lock";
     options.stay = parser.isSet(stayOption);
     options.libraryPath = parser.value(libraryPath);
     options.noLogin = parser.isSet(noLogin);

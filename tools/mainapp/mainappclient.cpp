@@ -5,11 +5,15 @@
 
 #include <QCoreApplication>
 #include <QDateTime>
+#include <QDir>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
 #include <QThread>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 
 void printLine(const QString& text)
@@ -25,8 +29,71 @@ MainAppClient::MainAppClient(const Options& options) : m_options(options), m_loc
     connect(&m_socket, &QLocalSocket::disconnected, this, &MainAppClient::onDisconnected);
 }
 
+QString defaultPrivateTmpDir()
+{
+    const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
+    if (!runtime.isEmpty())
+        return runtime + "/d627";
+    return QDir::tempPath() + "/d627-" + QString::number(::geteuid());
+}
+
+bool MainAppClient::preparePrivateTmpDir()
+{
+    const QByteArray path = QFile::encodeName(m_options.tmpDir);
+    if (::mkdir(path.constData(), 0700) != 0 && errno != EEXIST) {
+        printLine("cannot create " + m_options.tmpDir + ": " +
+                  QString::fromLocal8Bit(strerror(errno)));
+        return false;
+    }
+    if (!m_options.privateTmpDir)
+        return true;
+    // Someone else may have made the folder first, or left a link there.
+    struct stat info = {};
+    if (::lstat(path.constData(), &info) != 0 || !S_ISDIR(info.st_mode) ||
+        info.st_uid != ::geteuid() || ::chmod(path.constData(), 0700) != 0) {
+        printLine("refusing " + m_options.tmpDir + ": not a folder of our own user");
+        return false;
+    }
+    return true;
+}
+
+bool MainAppClient::startDaemon()
+{
+    QProcess daemon;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("TMPDIR", m_options.tmpDir);
+    if (!m_options.libraryPath.isEmpty()) {
+        const QString old = environment.value("LD_LIBRARY_PATH");
+        environment.insert("LD_LIBRARY_PATH",
+                           m_options.libraryPath + (old.isEmpty() ? "" : ":" + old));
+    }
+    daemon.setProcessEnvironment(environment);
+    daemon.setProgram(m_options.daemonPath);
+    return daemon.startDetached();
+}
+
+QString MainAppClient::serverPath() const
+{
+    return m_options.tmpDir + "/" + QString::fromLatin1(kInstanceId);
+}
+
+bool MainAppClient::peerIsOurUser()
+{
+    const qint64 peer = GetPeerUserId(m_socket.socketDescriptor());
+    if (peer == qint64(::geteuid()))
+        return true;
+    printLine(QString("refusing the daemon at %1: it runs as user id %2, not %3; no login sent")
+                  .arg(serverPath())
+                  .arg(peer)
+                  .arg(::geteuid()));
+    m_socket.abort();
+    return false;
+}
+
 bool MainAppClient::start()
 {
+    if (!preparePrivateTmpDir())
+        return false;
     if (!m_lock.tryLock(100)) {
         printLine("another main application holds " + m_options.lockFile);
         return false;
@@ -42,6 +109,8 @@ bool MainAppClient::start()
             return false;
         }
     }
+    if (!peerIsOurUser())
+        return false;
     printLine("connected to the daemon");
     if (!m_options.noLogin)
         sendLogin();
@@ -56,25 +125,12 @@ bool MainAppClient::connectToDaemon(int timeoutMs)
     QElapsedTimer timer;
     timer.start();
     do {
-        m_socket.connectToServer(QString::fromLatin1(kInstanceId));
+        m_socket.connectToServer(serverPath());
         if (m_socket.waitForConnected(200))
             return true;
         QThread::msleep(50);
     } while (timer.elapsed() < timeoutMs);
     return false;
-}
-
-bool MainAppClient::startDaemon()
-{
-    QProcess daemon;
-    daemon.setProgram(m_options.daemonPath);
-    if (!m_options.libraryPath.isEmpty()) {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        const QString old = env.value("LD_LIBRARY_PATH");
-        env.insert("LD_LIBRARY_PATH", m_options.libraryPath + (old.isEmpty() ? "" : ":" + old));
-        daemon.setProcessEnvironment(env);
-    }
-    return daemon.startDetached();
 }
 
 void MainAppClient::sendLogin()
@@ -145,7 +201,7 @@ void MainAppClient::handleCommand(const QByteArray& line)
         m_socket.disconnectFromServer();
     } else if (line == "connect") {
         m_leaving = false;
-        if (connectToDaemon(2000))
+        if (connectToDaemon(2000) && peerIsOurUser())
             printLine("connected to the daemon");
     } else if (line == "quit") {
         printLine("leaving without a word; the lock is released");

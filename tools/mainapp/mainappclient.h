@@ -22,6 +22,10 @@ public:
         QString userAgent;
         int logLevel = 1;
         QString lockFile;
+        // Handed to the daemon as TMPDIR: its lock file and local socket live there.
+        QString tmpDir;
+        // tmpDir is our default private folder: created 0700, refused unless it is ours.
+        bool privateTmpDir = true;
         bool stay = false;
         QString libraryPath; // put first on the daemon's LD_LIBRARY_PATH when not empty
         bool noLogin = false;
@@ -39,8 +43,11 @@ private slots:
     void onStdin();
 
 private:
-    bool connectToDaemon(int timeoutMs);
+    bool preparePrivateTmpDir();
     bool startDaemon();
+    QString serverPath() const;
+    bool peerIsOurUser();
+    bool connectToDaemon(int timeoutMs);
     void sendLogin();
     void send(const QByteArray& bytes);
     void handleCommand(const QByteArray& line);
@@ -55,3 +62,8 @@ private:
 
 // Prints one timestamped line on stdout and flushes it.
 void printLine(const QString& text);
+
+// The default folder for the daemon's TMPDIR: $XDG_RUNTIME_DIR/d627 when that is set, else
+// <temp>/d627-<uid>. A shared temporary folder would let another local user take the daemon's
+// fixed lock-file and socket names first.
+QString defaultPrivateTmpDir();
