@@ -26,7 +26,7 @@ start() {
 }
 start_sandbox() { start sandbox 4 "$1/d627-sandbox" && wait_for "ready:" 1 "$WORK/sandbox.log"; }
 start_mainapp() {
-    start mainapp 3 "$1/d627-mainapp" --lockfile "$TMPDIR/mainapp.lock" "${@:2}"
+    start mainapp 3 "$1/d627-mainapp" --tmpdir "$TMPDIR" --lockfile "$TMPDIR/mainapp.lock" "${@:2}"
     MAINAPP=$LAST
     wait_for "connected to the daemon" 1 "$WORK/mainapp.log"
 }
