@@ -30,14 +30,14 @@ private slots:
 
         CNetWorkDetectThread thread;
         thread.start();
-        QTRY_VERIFY_WITH_TIMEOUT(!center->isNetError(), 3000);
+        QTRY_VERIFY_WITH_TIMEOUT(!center->isNetError(), 10000);
 
         // Only the lower-case marker counts.
         setReply("Reply from host: bytes=32 time=1ms TTL=57\n");
-        QTRY_VERIFY_WITH_TIMEOUT(center->isNetError(), 4000);
+        QTRY_VERIFY_WITH_TIMEOUT(center->isNetError(), 10000);
 
         setReply("64 bytes from host: icmp_seq=1 ttl=57 time=1.0 ms\n");
-        QTRY_VERIFY_WITH_TIMEOUT(!center->isNetError(), 4000);
+        QTRY_VERIFY_WITH_TIMEOUT(!center->isNetError(), 10000);
 
         thread.Quit();
         QVERIFY(thread.wait(5000));
