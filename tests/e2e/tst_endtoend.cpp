@@ -226,11 +226,9 @@ void tst_EndToEnd::refusedConnections_backOffLongerEachTime_thenRecover()
     const QList<qint64> schedules = h.logTimes("check status is login, would reconnect server");
     QCOMPARE(attempts.size(), 5);
     QVERIFY(schedules.size() >= 4);
-    // The rule: the wait is 1 s after more than 5 s (whole seconds of the clock) since the last
-    // scheduling, else twice the last wait, at most 10 s; the next step 0 comes one step (1 s)
-    // after the wait. The clock's seconds between two schedulings are the floor or the ceiling
-    // of the measured gap, so every wait that the rule allows for either is kept. Only lower
-    // bounds are checked: a slow machine makes gaps longer, which the rule then accounts for.
+    // The rule: 1 s after more than 5 s (the clock's whole seconds, so the floor or the ceiling
+    // of the measured gap) since the last scheduling, else twice the last wait, at most 10 s;
+    // step 0 follows 1 s later. Only lower bounds: a slow machine makes every gap longer.
     QSet<int> waits{1}; // the first scheduling follows a long quiet spell
     QString shown;
     for (int i = 0; i < schedules.size(); ++i) {

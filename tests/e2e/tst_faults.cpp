@@ -1,10 +1,9 @@
-// The fault suite: the real d627 against the real d627-sandbox (see e2eharness.h), with one
-// fault per row on the push link, the HTTP services, the cipher library, the local link and
-// the environment. Each row plays its fault, checks the daemon's defined reaction in the order
-// it must happen (sandbox lines; "log:" daemon log lines; "out:" its output; "probe": the link
-// still reads), puts things back, and then waits for the reconnection, checks that the daemon kept
-// on with no new connection, or ends it with "exit" and expects code 0. Rows that need no start of
-// their own share one daemon, which the last shared row ends with "exit".
+// The fault suite: the real d627 against the real d627-sandbox (see e2eharness.h), one fault
+// per row. Each row plays its fault, checks the defined reaction in the order it must happen
+// (sandbox lines; "log:" daemon log; "out:" daemon output; "probe": the link still reads), puts
+// things back, then waits for the reconnection, checks that the daemon kept on with no new
+// connection, or ends it with "exit" and expects code 0. Rows without a start of their own
+// share one daemon, which the last of them ends with "exit".
 
 #include "e2eharness.h"
 #include "link/communication.h"
