@@ -58,18 +58,21 @@ void setUp()
     DataCenter::getInstance()->SetLogLevel(0);
 }
 
-// Steps and watchdogs that never come due while an input runs.
-MsgClient* newClient()
+// Watchdogs that never come due while an input runs. No event loop runs either, so the next
+// process step, scheduled after `stepMs`, never comes; with 0 it is a posted event that goes
+// with the client instead of a timer object that outlives it.
+MsgClient* newClient(int stepMs)
 {
     MsgClientTimes times;
-    times.stepMs = times.answerMs = times.heartbeatMs = times.heartbeatAnswerMs = 1 << 30;
+    times.stepMs = stepMs;
+    times.answerMs = times.heartbeatMs = times.heartbeatAnswerMs = 1 << 30;
     times.socketWaitMs = 5000;
     return new MsgClient(nullptr, times);
 }
 
 MsgClient* sharedClient()
 {
-    static MsgClient* client = newClient();
+    static MsgClient* client = newClient(1 << 30);
     return client;
 }
 
@@ -131,6 +134,9 @@ struct Wire
         check(client.waitForConnected(5000) && server.waitForNewConnection(5000),
               "loopback connection");
         peer = server.nextPendingConnection();
+        // Small chunks go out at once, without waiting for the peer's delayed acknowledgement.
+        peer->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+        client.setSocketOption(QAbstractSocket::LowDelayOption, 1);
     }
     static void drain(QAbstractSocket& socket)
     {
@@ -149,7 +155,7 @@ int frameReader(const uint8_t* data, size_t size)
     if (size < 1)
         return 0;
     static Wire* wire = new Wire;
-    MsgClient* client = newClient();
+    MsgClient* client = newClient(0);
     for (int step = 0; step < data[0] % 5; ++step)
         client->nextProcess();
     client->setSocket(&wire->client);

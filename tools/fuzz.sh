@@ -20,12 +20,10 @@ fi
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/d627-fuzz.XXXXXX")
 trap 'rm -rf "$work"' EXIT
-supp=$root/tools/sanitizers
 export LD_LIBRARY_PATH=$build/lib HOME=$work/home
 export ASAN_OPTIONS=detect_leaks=1:halt_on_error=1:abort_on_error=0
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
-[[ -f $supp/lsan.supp ]] && export LSAN_OPTIONS=suppressions=$supp/lsan.supp:print_suppressions=0
-[[ -f $supp/ubsan.supp ]] && UBSAN_OPTIONS+=:suppressions=$supp/ubsan.supp
+export LSAN_OPTIONS=suppressions=$root/fuzz/lsan.supp:print_suppressions=0
 
 mapfile -t targets < <(cd "$root/fuzz/corpus" && ls -d -- */ | tr -d /)
 for t in "${targets[@]}"; do
@@ -53,7 +51,7 @@ failed=0
 printf '%-16s %10s %7s %7s\n' target exec/s cov corpus
 for t in "${targets[@]}"; do
     dir=$work/$t
-    done_line=$(grep -E '^#[0-9]+ +DONE ' "$dir/log" | tail -1)
+    done_line=$(grep -E '^#[0-9]+[[:space:]]+DONE ' "$dir/log" | tail -1)
     cov=$(sed -nE 's/.* cov: ([0-9]+) .*/\1/p' <<<"$done_line")
     execs=$(sed -nE 's/.* exec\/s: ([0-9]+) .*/\1/p' <<<"$done_line")
     files=$(find "$root/fuzz/corpus/$t" -type f | wc -l)
@@ -63,7 +61,7 @@ for t in "${targets[@]}"; do
         grep -qE 'ERROR: (AddressSanitizer|LeakSanitizer|libFuzzer)|runtime error:' "$dir/log"; then
         failed=1
         echo "== $t FAILED (exit $(cat "$dir/rc")); end of its log:"
-        grep -vE '^#[0-9]+ +(NEW|REDUCE|pulse|INITED)' "$dir/log" | tail -40
+        grep -vE '^#[0-9]+[[:space:]]+(NEW|REDUCE|pulse|INITED)' "$dir/log" | tail -40
         for f in "$dir"/found/*; do
             [[ -f $f ]] || continue
             cp "$f" "$root/fuzz/corpus/$t/"

@@ -23,7 +23,7 @@ fi
 echo "== cppcheck"
 existing=()
 for d in "${dirs[@]}"; do [ -d "$d" ] && existing+=("$d"); done
-if ! cppcheck --enable=warning,style,performance --std=c++17 --quiet --library=qt \
+if ! cppcheck --enable=warning,style,performance --std=c++17 --quiet --library=tools/qtest.cfg --library=qt \
     --inline-suppr --error-exitcode=1 -D__GNUC__ \
     --suppress=missingIncludeSystem --suppress=useStlAlgorithm -I src "${existing[@]}"; then
     failed+=(cppcheck)

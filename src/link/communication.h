@@ -2,7 +2,6 @@
 
 #include <QByteArray>
 #include <QObject>
-#include <sys/types.h>
 
 class QLocalServer;
 class QLocalSocket;
@@ -18,8 +17,7 @@ qint64 GetPeerUserId(qintptr socketDescriptor);
 // The daemon's end of the local link: a local server under the instance name and the one
 // current client. Only its own user may connect: the socket file is owner-only, and a
 // connection from a process of another user id is closed before any byte is read. It moves
-// raw bytes; each readyRead of the client is one message. Lives on
-// the main thread.
+// raw bytes; each readyRead of the client is one message. Lives on the main thread.
 class Communication : public QObject
 {
     Q_OBJECT

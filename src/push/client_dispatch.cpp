@@ -9,6 +9,7 @@
 
 using msgclient_detail::logger;
 using msgclient_detail::readLevel;
+using msgclient_detail::truncateToInt64;
 
 namespace {
 // Command of the "latest messages" query.
@@ -72,7 +73,7 @@ bool MsgClient::ParseMessage(QByteArray const& message, QVector<MsgClient::OneMe
             if (!vip.isEmpty()) {
                 const QJsonObject first = vip.at(0).toObject();
                 one.mark = readLevel(first.value("mark"));
-                one.expire = static_cast<qint64>(first.value("expire").toDouble());
+                one.expire = truncateToInt64(first.value("expire").toDouble());
             }
         }
         out.append(one);

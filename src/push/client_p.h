@@ -7,6 +7,8 @@
 
 #include <QJsonValue>
 #include <QString>
+#include <cmath>
+#include <limits>
 
 namespace msgclient_detail {
 
@@ -25,6 +27,19 @@ inline int readLevel(const QJsonValue& value)
             level = text.toInt();
     }
     return level;
+}
+
+// A JSON number truncated towards zero to 64 bits. Numbers beyond the range (the service may
+// send 1e99) give the nearest end of it instead of an undefined conversion.
+inline qint64 truncateToInt64(double value)
+{
+    if (std::isnan(value))
+        return 0;
+    if (value >= 9223372036854775808.0)
+        return std::numeric_limits<qint64>::max();
+    if (value < -9223372036854775808.0)
+        return std::numeric_limits<qint64>::min();
+    return static_cast<qint64>(value);
 }
 
 } // namespace msgclient_detail

@@ -16,6 +16,7 @@
 
 using msgclient_detail::logger;
 using msgclient_detail::readLevel;
+using msgclient_detail::truncateToInt64;
 
 namespace {
 qint64 systemSeconds()
@@ -222,7 +223,7 @@ int MsgClient::ParseUserInfor(const QByteArray& data, CUserInfor& out)
     const QJsonObject space = d.value("sapce").toObject().value("1").toObject();
     out.sizeTotal = space.value("size_total").toString();
     out.sizeUsed = space.value("size_used").toString();
-    out.byteSizeRemain = static_cast<qint64>(space.value("byte_size_remain").toDouble());
+    out.byteSizeRemain = truncateToInt64(space.value("byte_size_remain").toDouble());
     out.sizeUsedPercent = space.value("size_used_percent").toString().toDouble() / 100.0;
 
     logger()->Msg(1, "ParseUserInfor ------------------>>");

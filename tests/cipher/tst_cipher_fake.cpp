@@ -167,13 +167,6 @@ private slots:
         QCOMPARE(se()->M627Decode("xyz", out), 0);
         QCOMPARE(QByteArray(m_lastKey()), key);
         QCOMPARE(out, QByteArray("xyz"));
-
-        QByteArray token;
-        QCOMPARE(se()->Ec627Encode("abcdefgh", out, token), 0);
-        QCOMPARE(out, QByteArray("MSG:abcdefgh"));
-        QCOMPARE(token.size(), 48);
-        QCOMPARE(se()->Ec627GetToken(1, 2, 3, nullptr, 0, nullptr, 0, "x", out), 0);
-        QCOMPARE(out, QByteArray("get-token"));
     }
 
     void formBody()

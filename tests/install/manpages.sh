@@ -3,7 +3,8 @@
 # Usage: manpages.sh BIN_DIR DOCS_DIR
 status=0
 for page in "$2"/*.[18]; do
-    out=$(groff -ww -man -z "$page" 2>&1) && [ -z "$out" ] || { echo "$page: $out" && status=1; }
+    out=$(groff -ww -man -z "$page" 2>&1)
+    [ -z "$out" ] || { echo "$page: $out" && status=1; }
 done
 for tool in d627-sandbox d627-mainapp; do
     text=$(groff -man -Tascii -P-cbou -rLL=300n "$2/$tool.1")

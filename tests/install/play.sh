@@ -3,6 +3,7 @@
 # only: the installed d627-mainapp starts the installed daemon against the installed sandbox.
 # Usage: play.sh BUILD_DIR SOURCE_DIR
 BUILD=$1 SOURCE=$2
+# shellcheck source=tests/install/lib.sh
 . "$(dirname "$0")/lib.sh"
 ROOT=$WORK/root BIN=$WORK/root/usr/bin
 DESTDIR=$ROOT cmake --install "$BUILD" --prefix /usr >"$WORK/install.log" || fail "cmake --install"
@@ -10,10 +11,11 @@ for f in libexec/d627/d627 bin/d627-sandbox bin/d627-mainapp share/man/man8/d627
     share/man/man1/d627-sandbox.1 share/man/man1/d627-mainapp.1 share/doc/d627/protocol.md; do
     [ -e "$ROOT/usr/$f" ] || fail "not installed: $f"
 done
-for f in $(find "$ROOT" -type f -exec sh -c 'head -c4 "$1" | grep -q ELF' _ {} \; -print); do
+find "$ROOT" -type f -exec sh -c 'head -c4 "$1" | grep -q ELF' _ {} \; -print >"$WORK/elves"
+while read -r f; do
     readelf -d "$f" | grep -E 'RPATH|RUNPATH' && fail "$f carries a run path"
     strings -a "$f" | grep -F -e "$BUILD" -e "$SOURCE" | head -3 | grep . && fail "$f names a build path"
-done
+done <"$WORK/elves"
 env -u LD_LIBRARY_PATH ldd "$BIN/d627-sandbox" "$BIN/d627-mainapp" | grep -E 'not found|ec627' &&
     fail "the installed tools need a library from outside the system's folders"
 # The stand-in cipher library: from its private folder when installed there, else from a folder
@@ -27,10 +29,9 @@ unset LD_LIBRARY_PATH
 start_sandbox "$BIN"
 start_mainapp "$BIN" --loglevel 1 "${LIBARGS[@]}"
 wait_for "MsgClient::onRun current process is 4!" 1 "$DAEMON_LOG"
-echo "avatar url=http://127.0.0.1/avatars/10001-new.png" >&4
-wait_for 'received {"user_face":"http://127.0.0.1/avatars/10001-new.png"}' 1 "$WORK/mainapp.log"
+echo "avatar url=http://127.0.0.1/avatars/10001-new.png" >&4 &&
+    wait_for 'received {"user_face":"http://127.0.0.1/avatars/10001-new.png"}' 1 "$WORK/mainapp.log"
 DPID=$(head -n 1 "$TMPDIR"/d627_*-lockfile)
 grep -q "$ROOT/usr/libexec/d627/d627" "/proc/$DPID/cmdline" || fail "not the installed daemon"
-echo exit >&3
-wait "$MAINAPP" || fail "d627-mainapp ended with $?"
+echo exit >&3; wait "$MAINAPP" || fail "d627-mainapp ended with $?"
 while kill -0 "$DPID" 2>/dev/null; do sleep 0.1; done # ctest's timeout bounds the wait

@@ -2,6 +2,7 @@
 # Feeds every example of docs/protocol.md (fenced blocks marked "json example") to the real daemon
 # and checks the answer that the document promises. Usage: protocol.sh BIN_DIR protocol.md
 BIN=$1 DOC=$2
+# shellcheck source=tests/install/lib.sh
 . "$(dirname "$0")/lib.sh"
 declare -A EX
 while read -r ex; do
@@ -24,25 +25,16 @@ ends_with_0() { wait "$DPID" || fail "the daemon ended with $?"; }  # ctest's ti
 start_sandbox "$BIN"
 start_daemon
 start_mainapp "$BIN" --no-login --stay
-echo "send ${EX[login]}" >&3
-running 1
-echo "avatar url=$(value user_face "${EX[face]}")" >&4
-expect "${EX[face]}"
-running 2
+echo "send ${EX[login]}" >&3 && running 1
+echo "avatar url=$(value user_face "${EX[face]}")" >&4 && expect "${EX[face]}" && running 2
 echo "vip level=$(value vip_level "${EX[vip]}") expire=$(value expire_time "${EX[vip]}")" >&4
-expect "${EX[vip]}"
-running 3
-echo notice >&4
-expect "${EX[marker]}"
+expect "${EX[vip]}" && running 3
+echo notice >&4 && expect "${EX[marker]}"
 echo "send ${EX[exit_false]}" >&3
-echo "logout $(value logout "${EX[logout]}")" >&4
-expect "${EX[logout]}"
-ends_with_0
-grep -qF "read from 627 data is ${EX[exit_false]}" $DAEMON_LOG ||
-    fail "the daemon did not read the exit:false message"
+echo "logout $(value logout "${EX[logout]}")" >&4 && expect "${EX[logout]}" && ends_with_0
+# shellcheck disable=SC2086  # a pattern
+grep -qF "read from 627 data is ${EX[exit_false]}" $DAEMON_LOG || fail "exit:false not read"
 
 start_daemon
-echo connect >&3
-wait_for "connected to the daemon" 2 "$WORK/mainapp.log"
-echo "send ${EX[exit_true]}" >&3
-ends_with_0
+echo connect >&3 && wait_for "connected to the daemon" 2 "$WORK/mainapp.log"
+echo "send ${EX[exit_true]}" >&3 && ends_with_0

@@ -1,4 +1,5 @@
 #include "link/communication.h"
+#include "ownership.h"
 
 #include <QDir>
 #include <QJsonDocument>
@@ -11,7 +12,9 @@
 
 namespace {
 const QString kDaemon = QString(D627_BIN_DIR) + "/d627";
-}
+const char* const kCannotSwitch = "not root, or cannot switch to user id 65534: the case of "
+                                  "another local user is not tested here";
+} // namespace
 
 // The real d627 binary as a process, with its own TMPDIR and HOME.
 class tst_Daemon : public QObject
@@ -24,11 +27,15 @@ private slots:
     void staleSocketAndLock_doNotStopAStart();
     void exitMessage_endsWithZero();
     void mainAppLockReleasedWhileLinkDown_exits();
+    void otherUser_closedUnreadWhileUserIsServed();
+    void mainApp_privateTmpDir_data();
+    void mainApp_privateTmpDir();
 
 private:
     void startDaemon(QProcess& process);
     bool connectTo(QLocalSocket& socket);
     QString socketPath() const { return m_tmp + "/" + kInstanceId; }
+    QByteArray logText() const;
 
     QScopedPointer<QTemporaryDir> m_dir;
     QString m_tmp;
@@ -165,15 +172,111 @@ void tst_Daemon::mainAppLockReleasedWhileLinkDown_exits()
     QVERIFY(m_daemon.waitForFinished(30000));
     QCOMPARE(m_daemon.exitCode(), 0);
 
-    const QStringList logs =
-        QDir(m_dir->path() + "/Documents/627log/support").entryList(QDir::Files);
-    QCOMPARE(logs.size(), 1);
-    QFile log(m_dir->path() + "/Documents/627log/support/" + logs.first());
-    QVERIFY(log.open(QIODevice::ReadOnly));
-    const QByteArray text = log.readAll();
+    const QByteArray text = logText();
     QVERIFY(text.contains("local socket disconnected"));
     QVERIFY(text.contains("627 is not runing!"));
     QVERIFY(text.contains("627 is not exist, exit app"));
+}
+
+// The daemon's one log file; empty while there is none.
+QByteArray tst_Daemon::logText() const
+{
+    const QString dir = m_dir->path() + "/Documents/627log/support/";
+    const QStringList logs = QDir(dir).entryList(QDir::Files);
+    QFile log(dir + logs.value(0));
+    return logs.size() == 1 && log.open(QIODevice::ReadOnly) ? log.readAll() : "";
+}
+
+void tst_Daemon::otherUser_closedUnreadWhileUserIsServed()
+{
+    if (!ownership::canSwitch())
+        QSKIP(kCannotSwitch);
+    for (const QString& dir : {m_dir->path(), m_tmp}) // user 65534 may reach the socket file
+        QCOMPARE(::chmod(QFile::encodeName(dir).constData(), 0755), 0);
+    const mode_t before = ::umask(022);
+    startDaemon(m_daemon);
+    ::umask(before);
+    QLocalSocket socket;
+    QVERIFY(connectTo(socket));
+    socket.write(R"({"user_id":"","loglevel":1})");
+    socket.flush();
+    QTRY_VERIFY(logText().contains("OnReadyRead data is"));
+    QCOMPARE(ownership::mode(socketPath()), 0700);
+
+    const QByteArray path = QFile::encodeName(socketPath()), exit = R"({"exit":true})";
+    const auto intrude = [&]() { return ownership::talk(path, &exit); };
+    QCOMPARE(ownership::waitExit(ownership::asOtherUser(intrude)), ownership::kRefused);
+    // Even through a socket file open to all, the peer's user id shuts it out.
+    QCOMPARE(::chmod(path.constData(), 0777), 0);
+    QCOMPARE(ownership::waitExit(ownership::asOtherUser(intrude)), ownership::kClosed);
+    QVERIFY(logText().contains("local connection of another user (uid 65534) closed unread"));
+    QVERIFY(!logText().contains(exit));
+    QCOMPARE(m_daemon.state(), QProcess::Running);
+    QCOMPARE(socket.state(), QLocalSocket::ConnectedState);
+    socket.write(exit);
+    socket.flush();
+    QVERIFY(m_daemon.waitForFinished(5000));
+    QCOMPARE(m_daemon.exitCode(), 0);
+}
+
+void tst_Daemon::mainApp_privateTmpDir_data()
+{
+    QTest::addColumn<bool>("runtimeDir");
+    QTest::addColumn<int>("foreign"); // 1: its folder made by another user; 2: an impostor
+    QTest::addColumn<QByteArray>("expected");
+    QTest::newRow("$XDG_RUNTIME_DIR/d627") << true << 0 << QByteArray("connected to the daemon");
+    QTest::newRow("<temp>/d627-<uid>") << false << 0 << QByteArray("connected to the daemon");
+    QTest::newRow("folder of another user") << true << 1 << QByteArray("not a folder of our own");
+    QTest::newRow("daemon of another user") << true << 2 << QByteArray("runs as user id 65534");
+}
+
+void tst_Daemon::mainApp_privateTmpDir()
+{
+    QFETCH(bool, runtimeDir);
+    QFETCH(int, foreign);
+    QFETCH(QByteArray, expected);
+    if (foreign && !ownership::canSwitch())
+        QSKIP(kCannotSwitch);
+    const QString run = m_dir->path() + "/run", uid = QString::number(::geteuid());
+    const QString tmp = runtimeDir ? run + "/d627" : m_tmp + "/d627-" + uid;
+    m_env.insert("XDG_RUNTIME_DIR", runtimeDir ? run : QString());
+    QVERIFY(QDir().mkpath(tmp)); // left open to all: tightened, or refused when not ours
+    for (const QString& dir : {m_dir->path(), run, tmp})
+        ::chmod(QFile::encodeName(dir).constData(), dir == tmp ? 0777 : 0755);
+    if (foreign == 1)
+        QCOMPARE(
+            ::chown(QFile::encodeName(tmp).constData(), ownership::kNobody, ownership::kNobody), 0);
+    const QByteArray socket = QFile::encodeName(tmp + "/" + kInstanceId);
+    const pid_t impostor =
+        foreign == 2 ? ownership::asOtherUser([&]() { return ownership::talk(socket); }) : 0;
+    QTRY_VERIFY(!impostor || QFile::exists(socket));
+
+    QProcess mainApp;
+    mainApp.setProcessEnvironment(m_env);
+    mainApp.setProcessChannelMode(QProcess::MergedChannels);
+    const mode_t before = ::umask(0);
+    mainApp.start(QString(D627_BIN_DIR) + "/d627-mainapp",
+                  QStringList{"--daemon", kDaemon, "--user-id", "", "--loglevel", "0"} +
+                      (impostor ? QStringList{"--tmpdir", tmp} : QStringList{}));
+    ::umask(before);
+    QByteArray output;
+    QTRY_VERIFY_WITH_TIMEOUT((output += mainApp.readAll()).contains(expected), 15000);
+    if (foreign) {
+        QTRY_COMPARE_WITH_TIMEOUT(mainApp.state(), QProcess::NotRunning, 5000);
+        QCOMPARE(mainApp.exitCode(), 1);
+        QVERIFY2(!impostor || ownership::waitExit(impostor) == ownership::kClosed,
+                 "the impostor got bytes");
+        return;
+    }
+    const QString lockFile = tmp + "/d627_" + kInstanceId + "-lockfile";
+    QVERIFY(QFileInfo::exists(lockFile) && QFileInfo::exists(tmp + "/d627-mainapp.lock"));
+    QCOMPARE(ownership::mode(tmp), 0700);
+    QCOMPARE(ownership::mode(QFile::decodeName(socket)), 0700);
+    QVERIFY(!QFileInfo::exists(socketPath()));
+    mainApp.write("exit\n");
+    QVERIFY(mainApp.waitForFinished(5000));
+    QCOMPARE(mainApp.exitCode(), 0);
+    QTRY_VERIFY_WITH_TIMEOUT(!QFileInfo::exists(lockFile), 10000); // the daemon ended
 }
 
 QTEST_GUILESS_MAIN(tst_Daemon)

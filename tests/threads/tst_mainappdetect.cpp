@@ -98,26 +98,12 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(!manager->IsExist(4), 30000);
         manager->CleanThread();
     }
-    void thread_quitBeforeRunDoesNoCheck()
-    {
-        DataCenter* center = DataCenter::getInstance();
-        center->SetMainLockFile(m_lockPath);
-        center->SetMainAppId(0);
-
-        CMainAppDetectThread thread;
-        thread.Quit();
-        thread.start();
-        QVERIFY(thread.wait(30000));
-        QVERIFY(center->IsMainAppExist());
-        QVERIFY(!logText().contains("627 is not runing!"));
-        QVERIFY(logText().contains("mainapp detect thread receive quit flag"));
-    }
 
 private:
     bool startHolder()
     {
         m_holder.start(QString(D627_BIN_DIR) + "/lockholder", {m_lockPath});
-        return m_holder.waitForReadyRead(30000) && m_holder.readLine().trimmed() == "locked";
+        return m_holder.waitForReadyRead(5000) && m_holder.readLine().trimmed() == "locked";
     }
     // Only what the current test function added to the log.
     QString logText() const { return m_log.since(); }

@@ -40,7 +40,7 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(!center->isNetError(), 30000);
 
         thread.Quit();
-        QVERIFY(thread.wait(30000));
+        QVERIFY(thread.wait(5000));
 
         QFile args(m_dir.path() + "/args");
         QVERIFY(args.open(QIODevice::ReadOnly));
@@ -54,7 +54,7 @@ private slots:
         CNetWorkDetectThread thread;
         thread.Quit();
         thread.start();
-        QVERIFY(thread.wait(30000));
+        QVERIFY(thread.wait(3000));
         QVERIFY(!QFile::exists(m_dir.path() + "/args"));
     }
 

@@ -3,10 +3,8 @@
 
 #include "core/datacenter.h"
 #include "httpstub.h"
-#include "web/networkcookie.h"
 #include "web/requesthttps.h"
 
-#include <QNetworkCookie>
 #include <QTcpServer>
 #include <QtTest>
 
@@ -271,31 +269,6 @@ private slots:
         QByteArray reply;
         QCOMPARE(request.SendRequest(m_http.baseUrl() + "/login", 0, {}, {}, reply), 0);
         QCOMPARE(::recordCookie(), expectedCookie);
-    }
-    void jarAndETagAreReadBack()
-    {
-        m_http.route("/tagged", [](const HttpStubRequest&) {
-            HttpStubResponse response = HttpStubResponse::json("x");
-            response.headers.append(qMakePair(QByteArray("ETag"), QByteArray("\"v42\"")));
-            response.headers.append(
-                qMakePair(QByteArray("Set-Cookie"), QByteArray("acw_tc=jar1; path=/")));
-            return response;
-        });
-        CRequestHttps request;
-        QByteArray reply;
-        QCOMPARE(request.SendRequest(m_http.baseUrl() + "/tagged", 0, {}, {}, reply), 0);
-        QCOMPARE(request.GetETag(), QString("\"v42\""));
-        QCOMPARE(request.getCookies().size(), 1);
-        QCOMPARE(request.getCookies().at(0).name(), QByteArray("acw_tc"));
-        QCOMPARE(request.getCookies().at(0).value(), QByteArray("jar1"));
-
-        // The next call starts with an empty jar: nothing from the first reply is sent back,
-        // and the cookie list is that of the new reply only.
-        m_http.clearRequests();
-        QCOMPARE(request.SendRequest(m_http.baseUrl() + "/echo", 0, {}, {}, reply), 0);
-        QCOMPARE(m_http.requests().at(0).header("cookie"), QByteArray());
-        QVERIFY(request.getCookies().isEmpty());
-        QVERIFY(request.GetETag().isEmpty());
     }
     void httpsRequestAgainstTlsServer()
     {

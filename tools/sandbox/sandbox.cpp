@@ -2,6 +2,8 @@
 
 #include <QDateTime>
 #include <QJsonDocument>
+#include <QTcpServer>
+#include <QTimer>
 #include <cstdio>
 
 namespace {
@@ -28,7 +30,9 @@ bool wantsDrop(const Sandbox::Params& params)
 
 QString oneLine(const QByteArray& text)
 {
-    QString out = QString::fromUtf8(text);
+    QString out = QString::fromUtf8(text.left(160));
+    if (text.size() > 160)
+        out += QStringLiteral("... (%1 bytes)").arg(text.size());
     for (QChar& c : out) {
         if (c.unicode() < 0x20)
             c = QLatin1Char(' ');
@@ -47,6 +51,8 @@ QList<QByteArray> positionalNames(const QByteArray& command)
         return {"t", "drop"};
     if (command == "notice")
         return {"id"};
+    if (command == "raw")
+        return {"hex", "split"};
     if (command == "sso" || command == "address" || command == "push")
         return {"mode"};
     return {};
@@ -56,8 +62,14 @@ QList<QByteArray> positionalNames(const QByteArray& command)
 
 Sandbox::Sandbox(QObject* parent) : QObject(parent)
 {
-    m_http.route(kAddressPath, [this](const HttpStubRequest& r) { return onAddress(r); });
-    m_http.route(kSsoPath, [this](const HttpStubRequest& r) { return onSso(r); });
+    m_http.route(kAddressPath, [this](const HttpStubRequest& r) {
+        return answerFor(r, [&]() { return onAddress(r); });
+    });
+    m_http.route(kSsoPath, [this](const HttpStubRequest& r) {
+        return answerFor(r, [&]() { return onSso(r); });
+    });
+    connect(&m_http, &HttpStub::tlsRefused, this,
+            []() { say(QStringLiteral("http  TLS handshake refused: plain HTTP only")); });
     m_http.setFallback([this](const HttpStubRequest& r) {
         if (r.path.startsWith(kControlPrefix))
             return onControl(r);
@@ -94,6 +106,13 @@ void Sandbox::say(const QString& text)
 
 bool Sandbox::start(quint16 httpPort, quint16 pushPort, bool tls)
 {
+    m_httpPort = httpPort;
+    m_tls = tls;
+    {
+        QTcpServer probe; // a port that was free a moment ago and is closed again
+        if (probe.listen(QHostAddress::LocalHost))
+            m_refusedPort = probe.serverPort();
+    }
     if (!m_push.listen(pushPort)) {
         say(QStringLiteral("cannot listen for push clients on 127.0.0.1:%1").arg(pushPort));
         return false;
@@ -154,6 +173,10 @@ HttpStubResponse Sandbox::onAddress(const HttpStubRequest& request)
         break;
     case AddressMode::Drop:
         response.drop = true;
+        break;
+    case AddressMode::Refused:
+        response = HttpStubResponse::json("{\"state\":1,\"data\":{\"server\":[\"127.0.0.1:" +
+                                          QByteArray::number(m_refusedPort) + "\"]}}");
         break;
     }
     logHttp(request, response);
@@ -338,13 +361,17 @@ QByteArray Sandbox::control(const QByteArray& command, const Params& params)
             m_addressMode = AddressMode::Bad;
         else if (mode == "drop")
             m_addressMode = AddressMode::Drop;
+        else if (mode == "refused")
+            m_addressMode = AddressMode::Refused;
         else
-            return failure("address mode is ok, down, state0, bad or drop");
+            return failure("address mode is ok, down, state0, bad, drop or refused");
         return compact({{"ok", true}, {"status", status()}});
     }
     if (command == "push") {
         const QByteArray mode = params.value("mode");
-        if (mode == "normal") {
+        if (params.contains("once")) {
+            m_push.setDropOnce(params.value("once"));
+        } else if (mode == "normal") {
             m_push.setSilent(false);
             m_push.setRefuseConnections(false);
         } else if (mode == "silent") {
@@ -352,10 +379,12 @@ QByteArray Sandbox::control(const QByteArray& command, const Params& params)
         } else if (mode == "refuse") {
             m_push.setRefuseConnections(true);
         } else {
-            return failure("push mode is normal, silent or refuse");
+            return failure("push mode is normal, silent or refuse, or once=login|query|answered");
         }
         return compact({{"ok", true}});
     }
+    if (command == "raw" || command == "rsp" || command == "http")
+        return faultControl(command, params);
     if (command == "cookie") {
         m_cookie = params.value("value");
         return compact({{"ok", true}, {"status", status()}});
@@ -372,7 +401,10 @@ QByteArray Sandbox::control(const QByteArray& command, const Params& params)
              {"commands",
               "avatar url=U | vip level=N expire=S | message t=T | notice [id=N] | drop | "
               "logout [message] | sso mode=ok|logout|error|slow|drop [message= status= delay=] | "
-              "address mode=ok|down|state0|bad|drop | push mode=normal|silent|refuse | "
+              "address mode=ok|down|state0|bad|drop|refused | push mode=normal|silent|refuse | "
+              "push once=login|query|answered | raw hex=H [split=N] | rsp [magic=KOOS] [seq=N] "
+              "[z=1] [text=T|hex=H] [seal=0] [len=N|+N|-N] | http path=P [status=S] "
+              "[body=text|empty|drop|hang|size:N] (neither: back to normal) | http listen=0|1 | "
               "cookie [Set-Cookie value] | status | quit. avatar, vip, message and logout drop the "
               "push connection unless drop=0."}});
     }
@@ -402,4 +434,86 @@ QByteArray Sandbox::onPushRequest(const PushFrame& frame)
         m_pending = QJsonArray();
     }
     return compact({{"code", 0}, {"data", QJsonObject{{"list", list}}}});
+}
+
+HttpStubResponse Sandbox::answerFor(const HttpStubRequest& request,
+                                    const std::function<HttpStubResponse()>& normal)
+{
+    if (!m_overrides.contains(request.path))
+        return normal();
+    const HttpStubResponse response = m_overrides.value(request.path);
+    logHttp(request, response);
+    return response;
+}
+
+QByteArray Sandbox::faultControl(const QByteArray& command, const Params& params)
+{
+    if (command == "http" && params.contains("listen")) {
+        if (params.value("listen") == "0")
+            m_http.close();
+        else if (!(m_tls ? m_http.listenTls(m_httpPort) : m_http.listen(m_httpPort)))
+            return failure("cannot listen again");
+        return compact({{"ok", true}});
+    }
+    if (command == "http") {
+        const QByteArray path = params.value("path");
+        if (!params.contains("status") && !params.contains("body")) {
+            m_overrides.remove(path);
+            return compact({{"ok", true}, {"overrides", m_overrides.size()}});
+        }
+        HttpStubResponse response;
+        response.status = params.value("status", "200").toInt();
+        const QByteArray body = params.value("body");
+        if (body == "drop")
+            response.drop = true;
+        else if (body == "hang")
+            response.delayMs = 3600 * 1000;
+        else if (body.startsWith("size:"))
+            response.body = QByteArray(body.mid(5).toInt(), 'x');
+        else if (body != "empty")
+            response.body = body;
+        m_overrides.insert(path, response);
+        return compact({{"ok", true}, {"overrides", m_overrides.size()}});
+    }
+    QByteArray bytes;
+    if (command == "raw") {
+        bytes = QByteArray::fromHex(params.value("hex"));
+    } else {
+        // A response frame made by hand: optionally LZ4 (z=1; a hex body is then the block
+        // itself), sealed unless seal=0, with the head's length set or shifted by len.
+        const bool z = params.value("z") == "1";
+        QByteArray plain = params.contains("hex") ? QByteArray::fromHex(params.value("hex"))
+                                                  : params.value("text");
+        if (z && !params.contains("hex"))
+            plain = pushwire::lz4Block(plain);
+        QByteArray body = plain;
+        if (params.value("seal") != "0" && !pushwire::seal(plain, body))
+            return failure("cannot seal");
+        const QByteArray len = params.value("len");
+        qint64 length = body.size();
+        if (len.startsWith('+') || len.startsWith('-'))
+            length += len.toLongLong();
+        else if (!len.isEmpty())
+            length = len.toLongLong();
+        const QByteArray magic = params.value("magic", "JOOS");
+        if (magic.size() != 4)
+            return failure("magic is four letters, e.g. JOOS or KOOS");
+        pushwire::appendLe32(bytes, pushwire::readLe32(magic, 0));
+        pushwire::appendLe32(bytes, params.value("seq", "1").toUInt());
+        bytes.append(char(z ? 1 : 0)).append(3, '\0');
+        pushwire::appendLe32(bytes, quint32(length));
+        bytes += body;
+    }
+    // split=N writes the bytes in N pieces, 300 ms apart, so that each is read on its own.
+    const int pieces = qBound(1, params.value("split", "1").toInt(), qMax(1, bytes.size()));
+    const int step = (bytes.size() + pieces - 1) / pieces;
+    for (int i = 0; i < pieces; ++i) {
+        const QByteArray piece = bytes.mid(i * step, step);
+        QTimer::singleShot(300 * i, this, [this, piece]() { m_push.sendRaw(piece); });
+    }
+    say(QStringLiteral("push  raw %1 bytes in %2 write(s): %3")
+            .arg(bytes.size())
+            .arg(pieces)
+            .arg(QString::fromLatin1(bytes.left(24).toHex())));
+    return compact({{"ok", true}, {"clients", m_push.openConnections()}});
 }

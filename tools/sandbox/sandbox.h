@@ -62,13 +62,19 @@ private:
         Down,
         State0,
         Bad,
-        Drop
+        Drop,
+        Refused
     };
 
     HttpStubResponse onAddress(const HttpStubRequest& request);
     HttpStubResponse onSso(const HttpStubRequest& request);
     HttpStubResponse onControl(const HttpStubRequest& request);
     QByteArray onPushRequest(const PushFrame& frame);
+    // Fault commands: raw bytes and hand-made response frames on the push link, answer
+    // overrides and the listener of the HTTP services.
+    QByteArray faultControl(const QByteArray& command, const Params& params);
+    HttpStubResponse answerFor(const HttpStubRequest& request,
+                               const std::function<HttpStubResponse()>& normal);
     // Queues one inner message for the next first query and, unless told not to, drops the
     // connection so that a new login happens soon.
     QByteArray queueChange(const QJsonObject& inner, const Params& params, const QString& what);
@@ -85,4 +91,8 @@ private:
     QByteArray m_cookie;  // Set-Cookie value sent with every status answer; empty: none
     QJsonArray m_pending; // items for the next first query answer
     quint32 m_nextNoticeId = 1;
+    QMap<QByteArray, HttpStubResponse> m_overrides; // by path
+    quint16 m_httpPort = 0;
+    bool m_tls = false;
+    quint16 m_refusedPort = 0; // a port on 127.0.0.1 that nobody listens on
 };

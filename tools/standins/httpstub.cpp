@@ -285,6 +285,16 @@ void HttpStub::processBuffer(Connection* connection)
 {
     while (!connection->busy && !connection->closing) {
         QByteArray& buffer = connection->buffer;
+        if (!m_tls && buffer.startsWith('\x16')) {
+            // A TLS client hello: a plain answer makes the client's handshake fail at once.
+            HttpStubResponse plain;
+            plain.status = 400;
+            plain.body = "plain HTTP only";
+            connection->closing = true;
+            answer(connection, HttpStubRequest(), plain);
+            emit tlsRefused();
+            return;
+        }
         const int headEnd = buffer.indexOf("\r\n\r\n");
         if (headEnd < 0) {
             if (buffer.size() > kMaxHeadBytes) {

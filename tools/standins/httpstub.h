@@ -78,6 +78,8 @@ public:
 
 signals:
     void requestSeen(const HttpStubRequest& request);
+    // A connection that opened with a TLS handshake on a plain HTTP port: it got a plain 400.
+    void tlsRefused();
 
 private:
     struct Connection;

@@ -152,6 +152,12 @@ void PushStub::setRefuseConnections(bool refuse)
     m_refuse = refuse;
 }
 
+void PushStub::setDropOnce(const QByteArray& point)
+{
+    QMutexLocker lock(&m_mutex);
+    m_dropOnce = point;
+}
+
 void PushStub::setLoginAnswer(const QByteArray& text)
 {
     QMutexLocker lock(&m_mutex);
@@ -255,6 +261,7 @@ void PushStub::onNewConnection()
 {
     while (m_server && m_server->hasPendingConnections()) {
         QTcpSocket* socket = m_server->nextPendingConnection();
+        socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
         auto* connection = new Connection(socket, ++m_accepted);
         const int number = connection->number;
         m_connections.insert(number, connection);
@@ -373,6 +380,17 @@ void PushStub::record(const PushFrame& frame)
 void PushStub::handleFrame(Connection* connection, const PushFrame& frame)
 {
     QMutexLocker lock(&m_mutex);
+    const auto dropHere = [&](const char* point) {
+        if (m_dropOnce != point)
+            return false;
+        m_dropOnce.clear();
+        connection->closing = true;
+        connection->socket->disconnectFromHost();
+        return true;
+    };
+    if ((frame.isLogin() && dropHere("login")) || (frame.isQuery() && dropHere("query")))
+        return;
+    const bool dropAfter = frame.isQuery() && m_dropOnce == "answered";
     if (frame.isHeartbeat()) {
         if (m_echoHeartbeat)
             connection->socket->write(pushwire::heartbeatFrame());
@@ -399,6 +417,10 @@ void PushStub::handleFrame(Connection* connection, const PushFrame& frame)
     }
     if (!text.isNull())
         answer(connection, frame.seq, text);
+    if (dropAfter) {
+        lock.relock();
+        dropHere("answered");
+    }
 }
 
 void PushStub::answer(Connection* connection, quint32 seq, const QByteArray& text)

@@ -74,6 +74,9 @@ public:
     void setEchoHeartbeat(bool echo);       // default true
     void setSilent(bool silent);            // all three of the above off (true) or on (false)
     void setRefuseConnections(bool refuse); // accept and close at once; default false
+    // Drops the connection once, at the next "login" (unanswered), "query" (unanswered) or
+    // right after answering the next query ("answered"); empty clears it.
+    void setDropOnce(const QByteArray& point);
     // Text of the answer to a login; default {"code":0,"msg":"login ok"}.
     void setLoginAnswer(const QByteArray& text);
     // Replaces the default request handler, which answers with the queued texts in order and,
@@ -126,6 +129,7 @@ private:
     bool m_answerRequests = true;
     bool m_echoHeartbeat = true;
     bool m_refuse = false;
+    QByteArray m_dropOnce;
     int m_compressThreshold = 1024;
     QByteArray m_loginAnswer;
     RequestHandler m_handler;

@@ -1,0 +1,358 @@
+// The fault suite: the real d627 against the real d627-sandbox (see e2eharness.h), one fault
+// per row. Each row plays its fault, checks the defined reaction in the order it must happen
+// (sandbox lines; "log:" daemon log; "out:" daemon output; "probe": the link still reads), puts
+// things back, then waits for the reconnection, checks that the daemon kept on with no new
+// connection, or ends it with "exit" and expects code 0. Rows without a start of their own
+// share one daemon, which the last of them ends with "exit".
+
+#include "e2eharness.h"
+#include "link/communication.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QRandomGenerator>
+#include <QtTest>
+
+using namespace e2e;
+
+namespace {
+enum Then
+{
+    Reconnect, // running again on a new push connection
+    KeepOn,    // no new push connection, the link still reads
+    Exit       // "exit", code 0
+};
+const QString kAddress = QStringLiteral("/get_tcp_server");
+const QString kNotice = QStringLiteral("4c4f4f530700000000000000"); // "LOOS", id 7, 0
+const QString kText = QStringLiteral(R"(text={"code":0,"data":{"list":[]}})");
+const QByteArray kDropped = "client disconnected";
+} // namespace
+
+class tst_Faults : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void cleanupTestCase();
+    void cleanup();
+    void faults_data();
+    void faults();
+
+private:
+    bool startOwn(const QString& start);
+    bool linkAction(const QString& action);
+    bool probe();
+    bool running(int connections, int runs);
+
+    E2eHarness h;
+    int m_played = 0;
+    int m_survived = 0;
+    QElapsedTimer m_clock;
+};
+
+void tst_Faults::initTestCase()
+{
+    QString why;
+    if (!h.check(why))
+        QFAIL(qPrintable(why));
+    m_clock.start();
+    QVERIFY(h.prepare());
+    QVERIFY(h.startSandbox());
+}
+
+void tst_Faults::cleanupTestCase()
+{
+    const QByteArray line = QString("faults played: %1, survived as defined: %2 (in %3 s)")
+                                .arg(m_played)
+                                .arg(m_survived)
+                                .arg(m_clock.elapsed() / 1000)
+                                .toUtf8();
+    qInfo("%s", line.constData());
+    h.cleanup();
+    QVERIFY2(m_survived == m_played, line.constData());
+}
+
+void tst_Faults::cleanup()
+{
+    if (!QTest::currentTestFailed()) {
+        ++m_survived;
+        return;
+    }
+    // Start the next row from scratch: a fresh sandbox (no overrides left) and daemon.
+    h.cleanup();
+    QVERIFY(h.prepare());
+    QVERIFY(h.startSandbox());
+}
+
+void tst_Faults::faults_data()
+{
+    QTest::addColumn<QString>("start"); // empty: the shared daemon; else its own environment
+    QTest::addColumn<QStringList>("play");
+    QTest::addColumn<QStringList>("expect");
+    QTest::addColumn<QStringList>("restore");
+    QTest::addColumn<int>("then");
+    const auto row = [](const char* name, const QString& start, const QStringList& play,
+                        const QStringList& expect, const QStringList& restore, int then) {
+        QTest::newRow(name) << start << play << expect << restore << then;
+    };
+    const QString check = QString::fromLatin1(kStatusCheck);
+    const QString dropped = QString::fromLatin1(kDropped);
+    const QString noAddress = "http path=" + kAddress;
+    const auto address = [&](const QString& answer) {
+        return QStringList{"http path=" + kAddress + ' ' + answer, "drop"};
+    };
+    const auto frame = [&](const QString& name, const QString& args) {
+        row(qPrintable("push: " + name), "", {"rsp " + args}, {check}, {}, Reconnect);
+    };
+
+    row("push: drop in step 0 (address lookup)", "", address("body=drop"),
+        {dropped, "POST /get_tcp_server", "connection dropped", check}, {noAddress}, Reconnect);
+    row("push: drop in step 1 (login)", "", {"push once=login", "drop"},
+        {"HOOS login", dropped, check}, {}, Reconnect);
+    row("push: drop in step 2 (query)", "", {"push once=query", "drop"},
+        {"IOOS request#0", dropped, check}, {}, Reconnect);
+    row("push: drop in step 3 (query answered)", "", {"push once=answered", "drop"},
+        {"answer seq=1", dropped, check}, {}, Reconnect);
+    row("push: drop in step 4 (running)", "", {"drop"}, {dropped, check}, {}, Reconnect);
+    row("push: frame split over 3 writes", "", {"raw hex=" + kNotice + " split=3"}, {check}, {},
+        Reconnect);
+    // The second notice is read with the answer to the first one's query: answers are missing.
+    row("push: two frames in one write", "", {"raw hex=" + kNotice + kNotice},
+        {"IOOS request#1", check, "log:check status result"}, {"drop"}, Reconnect);
+    row("push: unknown magic", "", {"raw hex=5858585801000000"}, {check}, {}, Reconnect);
+    frame("head length 0", kText + " len=0");
+    frame("head length one short", kText + " len=-1");
+    frame("head length one long", kText + " len=+1");
+    frame("head length 0xFFFFFFF0", kText + " len=4294967280");
+    frame("KOOS push", kText + " magic=KOOS");
+    frame("body the cipher rejects", "seal=0 hex=" + QString(100, 'a'));
+    frame("LZ4 block that decompresses to nothing", "z=1 hex=00");
+    // A corrupt block still succeeds, as an empty text, which the running step ignores.
+    row("push: LZ4 block that does not decompress", "", {"rsp z=1 hex=f0"},
+        {"log:HandleMessageFormServer type is 2, message is \n"}, {}, KeepOn);
+    row("push: server accepts and closes at once", "", {"push mode=refuse", "drop"},
+        {dropped, check, "client connected", dropped, check}, {"push mode=normal"}, Reconnect);
+    row("push: refused port", "", {"address mode=refused", "drop"},
+        {dropped, "POST /get_tcp_server", check, "log:connect to server failed!"},
+        {"address mode=ok"}, Reconnect);
+    row("push: server never answers", "", {"push mode=silent", "drop"}, {"HOOS login", "probe"},
+        {"push mode=normal", "drop"}, Reconnect);
+
+    row("http: 500", "", address("status=500 body=oops"), {dropped, "-> 500 oops", check},
+        {noAddress}, Reconnect);
+    row("http: 404", "", address("status=404 body=gone"), {dropped, "-> 404 gone", check},
+        {noAddress}, Reconnect);
+    row("http: empty body", "", address("body=empty"), {dropped, "-> 200 ", check}, {noAddress},
+        Reconnect);
+    row("http: body not JSON", "", address("body=<html>"), {dropped, "-> 200 <html>", check},
+        {noAddress}, Reconnect);
+    row("http: 10 MB body", "", address("body=size:10485760"), {dropped, "(10485760 bytes)", check},
+        {noAddress}, Reconnect);
+    row("http: malformed Set-Cookie", "", {"cookie =;PHPSESSID;acw_tc==x=y;USERSESSIONID", "drop"},
+        {"set-cookie=[=;PHPSESSID", "HOOS login", QString::fromLatin1(kLoginText)}, {"cookie"},
+        Reconnect);
+    row("http: TLS handshake fails", "", {"link:login https", "drop"},
+        {"TLS handshake refused", "log:request or parse failed, request return:-1"}, {"link:login"},
+        Reconnect);
+    row("http: refused port", "", {"http listen=0", "drop"},
+        {dropped, "log:request or parse failed, request return:-1"}, {"http listen=1"}, Reconnect);
+
+    row("link: binary garbage", "", {"link:garbage"}, {"probe"}, {}, KeepOn);
+    row("link: truncated JSON", "", {"link:truncated"}, {"probe"}, {}, KeepOn);
+    row("link: 1 MB message", "", {"link:1mb"}, {"probe"}, {}, KeepOn);
+    row("link: 10000 messages at once", "", {"link:flood"}, {"probe"}, {}, KeepOn);
+    row("link: a second client", "", {"link:second"}, {"log:local socket disconnected", "probe"},
+        {}, KeepOn);
+    row("link: 500 connects and disconnects", "", {"link:cycles"}, {"probe"}, {}, KeepOn);
+    row("http: answer never comes, then exit", "", address("body=hang"),
+        {dropped, "POST /get_tcp_server"}, {noAddress}, Exit);
+
+    const QString login = "log:client login first_req_encode failed!";
+    row("cipher: library missing", "LIB=none", {}, {"client connected", check, login}, {}, Exit);
+    // Failures that the login and the query do not depend on (an init failure is retried
+    // later): the answer to the query is still read and handled. The daemon never calls the
+    // last five entry points at all.
+    const QStringList called{"ec627_init", "m627_edinit", "ec627_encode_token", "ec627_decode_len"};
+    for (const QString& entry :
+         called + QStringList{"ec627_encode", "ec627_get_token", "ec627_msg_encode_token",
+                              "m627_encode", "m627_decode"}) {
+        QStringList expect{"IOOS request#0", "log:MsgClient::HandlerMessage msg is {"};
+        if (called.contains(entry))
+            expect << "out:fake_ec627: " + entry + " fails";
+        row(qPrintable("cipher: " + entry + " fails"), "FAIL=" + entry, {}, expect, {}, Exit);
+    }
+    row("cipher: ec627_encode_len fails", "FAIL=ec627_encode_len", {},
+        {"client connected", check, login}, {}, Exit);
+    row("cipher: ec627_msg_encode fails", "FAIL=ec627_msg_encode", {},
+        {"client connected", check, "log:ec627_encode fail with return code [-1]"}, {}, Exit);
+    row("cipher: token of the wrong length", "FAIL=token_length", {},
+        {"client connected", check, "log:token len [47] err"}, {}, Exit);
+    row("cipher: ec627_encode_data fails", "FAIL=ec627_encode_data", {},
+        {"HOOS login", "log:mclient.normal_req_encode fail", "probe"}, {}, Exit);
+    row("cipher: ec627_decode fails", "FAIL=ec627_decode", {},
+        {"HOOS login", check, "log:decode failed!"}, {}, Exit);
+
+    row("env: log folder cannot be created", "HOME=blocked", {}, {"answer seq=1"}, {}, Exit);
+    row("env: TMPDIR points nowhere", "TMPDIR=nowhere", {}, {}, {}, Exit);
+}
+
+bool tst_Faults::running(int connections, int runs)
+{
+    return waitFor(
+        [&]() {
+            const QByteArray log = h.daemonLog();
+            const auto daemonOut = [&]() {
+                QFile file(h.dir() + "/daemon.out");
+                return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+            };
+            const QByteArray out = daemonOut();
+            const int last = log.lastIndexOf("MsgClient::onRun current process is ");
+            return h.sandboxCount("client connected") > connections && log.count(kRunning) > runs &&
+                   log.mid(last).startsWith(kRunning);
+        },
+        40000);
+}
+
+bool tst_Faults::startOwn(const QString& start)
+{
+    const QString lib = QStringLiteral(D627_LIB_DIR);
+    if (start == "LIB=none")
+        return h.startDaemonAndLogin({"LD_LIBRARY_PATH=" + lib + "/no-ec627"});
+    if (start.startsWith("FAIL="))
+        return h.startDaemonAndLogin({"LD_LIBRARY_PATH=" + lib + "/fake-ec627",
+                                      "FAKE_EC627_REAL=" + lib + "/libec627.so",
+                                      "FAKE_EC627_" + start});
+    if (start == "HOME=blocked") {
+        // Documents is a file, so the log folder under it cannot be made.
+        QFile documents(h.dir() + "/blocked/Documents");
+        return QDir().mkpath(h.dir() + "/blocked") && documents.open(QIODevice::WriteOnly) &&
+               h.startDaemonAndLogin({"HOME=" + h.dir() + "/blocked"});
+    }
+    // TMPDIR naming no folder: the socket goes to "/<name>". Where that cannot be made the
+    // daemon ends at once with code 0; otherwise it runs as usual.
+    if (!h.startDaemon({"TMPDIR=" + h.dir() + "/nowhere"}, QString("/") + kInstanceId))
+        return h.daemon().state() == QProcess::NotRunning;
+    return h.login();
+}
+
+bool tst_Faults::linkAction(const QString& action)
+{
+    QLocalSocket* link = h.link();
+    if (action == "link:login" || action == "link:login https")
+        return h.login(action.endsWith("https") ? 2 : 0);
+    if (action == "link:garbage") {
+        QByteArray bytes(4096, '\0');
+        QRandomGenerator::global()->fillRange(reinterpret_cast<quint32*>(bytes.data()), 1024);
+        link->write(bytes);
+    } else if (action == "link:truncated") {
+        link->write(R"({"user_id":"73105","cookie":"USERSESS)");
+    } else if (action == "link:1mb") {
+        link->write(R"({"exit":false,"pad":")" + QByteArray(1 << 20, 'x') + "\"}");
+    } else if (action == "link:flood") {
+        for (int i = 0; i < 10000; ++i)
+            link->write(R"({"exit":false})");
+    } else if (action == "link:second" || action == "link:cycles") {
+        const int count = action == "link:second" ? 1 : 500;
+        const int before = h.logCount("local socket disconnected");
+        for (int done = 0; done < count;) {
+            QLocalSocket other;
+            other.connectToServer(h.tmp() + '/' + kInstanceId);
+            if (!other.waitForConnected(5000))
+                continue;
+            ++done;
+            if (count == 1)
+                other.write(R"({"exit":false,"second":true})") && other.waitForBytesWritten(5000);
+            other.disconnectFromServer();
+        }
+        return h.waitLog("local socket disconnected", before + count, 60000);
+    }
+    return link->flush() || link->bytesToWrite() == 0;
+}
+
+bool tst_Faults::probe()
+{
+    static int serial = 0;
+    // A probe may share a read with earlier bytes; a later one then shows on its own.
+    for (int tries = 0; tries < 20; ++tries) {
+        const QByteArray text = R"({"exit":false,"probe":)" + QByteArray::number(++serial) + "}";
+        h.link()->write(text);
+        h.link()->flush();
+        if (h.waitLog(text, 1, 1000))
+            return true;
+    }
+    return false;
+}
+
+void tst_Faults::faults()
+{
+    QFETCH(QString, start);
+    QFETCH(QStringList, play);
+    QFETCH(QStringList, expect);
+    QFETCH(QStringList, restore);
+    QFETCH(int, then);
+    ++m_played;
+
+    if (!start.isEmpty() && h.daemon().state() != QProcess::NotRunning)
+        QVERIFY(h.exitDaemon());
+    const auto daemonOut = [&]() {
+        QFile file(h.dir() + "/daemon.out");
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    };
+    // What was there before: a daemon of its own may react before start() returns.
+    int lines = h.sandboxCount("");
+    QByteArray log = h.daemonLog();
+    QByteArray out = daemonOut();
+    if (!start.isEmpty()) {
+        QVERIFY2(startOwn(start), "the daemon did not start");
+        if (h.daemon().state() == QProcess::NotRunning) { // TMPDIR: no socket, ended at once
+            QCOMPARE(h.daemon().exitStatus(), QProcess::NormalExit);
+            QCOMPARE(h.daemon().exitCode(), 0);
+            return;
+        }
+    } else if (h.daemon().state() == QProcess::NotRunning) {
+        const int connections = h.sandboxCount("client connected");
+        const int runs = h.logCount(kRunning);
+        QVERIFY(h.startDaemonAndLogin());
+        QVERIFY2(running(connections, runs), "the shared daemon did not reach the running step");
+        lines = h.sandboxCount("");
+        log = h.daemonLog();
+        out = daemonOut();
+    }
+    const int mark = h.sandboxCount("client connected");
+    const int markRuns = h.logCount(kRunning);
+    for (const QString& action : play)
+        QVERIFY(action.startsWith("link:") ? linkAction(action) : h.ctl(action));
+    int from = lines;
+    for (const QString& item : expect) {
+        if (item == "probe") {
+            QVERIFY2(probe(), "the local link no longer reads");
+        } else if (item.startsWith("out:")) {
+            const QByteArray text = item.mid(4).toUtf8();
+            const int count = out.count(text) + 1;
+            QVERIFY2(waitFor([&]() { return daemonOut().count(text) >= count; }, 40000),
+                     qPrintable(item));
+        } else if (item.startsWith("log:")) {
+            const QByteArray text = item.mid(4).toUtf8();
+            QVERIFY2(h.waitLog(text, log.count(text) + 1, 40000), qPrintable(item));
+        } else {
+            QVERIFY2(waitFor([&]() { return h.sandboxLine(item.toUtf8(), from) >= 0; }, 40000),
+                     qPrintable(item));
+            from = h.sandboxLine(item.toUtf8(), from);
+        }
+    }
+    for (const QString& action : restore)
+        QVERIFY(action.startsWith("link:") ? linkAction(action) : h.ctl(action));
+
+    if (then == Reconnect) {
+        QVERIFY2(running(mark, markRuns), "not running again on a new connection");
+    } else if (then == KeepOn) {
+        QVERIFY(probe());
+        QCOMPARE(h.sandboxCount("client connected"), mark);
+        QCOMPARE(h.daemon().state(), QProcess::Running);
+    } else {
+        QVERIFY2(h.exitDaemon(), "no clean exit");
+    }
+}
+
+QTEST_GUILESS_MAIN(tst_Faults)
+#include "tst_faults.moc"
