@@ -67,7 +67,7 @@ public:
             QTest::qWait(10);
             m_buffer += m_socket.readAll();
         }
-        const QByteArray out = m_buffer.left(bytes);
+        QByteArray out = m_buffer.left(bytes);
         m_buffer.remove(0, bytes);
         return out;
     }
