@@ -258,7 +258,7 @@ void TestMsgClient::processWalksToRunning()
 
     const QList<PushFrame> frames = m_push->frames();
     QVERIFY(frames.size() >= 2);
-    const PushFrame login = frames.at(0);
+    const PushFrame& login = frames.at(0);
     QVERIFY2(login.isLogin() && login.ok, qPrintable(login.describe() + login.error));
     QCOMPARE(login.version, quint16(1));
     QCOMPARE(login.clientType, quint8(7));
