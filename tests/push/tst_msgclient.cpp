@@ -272,7 +272,7 @@ void TestMsgClient::processWalksToRunning()
     const qint64 stamp = static_cast<qint64>(login.sessionId >> 22);
     QVERIFY2(stamp >= before && stamp <= after, qPrintable(QString::number(stamp)));
 
-    const PushFrame query = frames.at(1);
+    const PushFrame& query = frames.at(1);
     QVERIFY2(query.isQuery() && query.ok, qPrintable(query.describe() + query.error));
     QCOMPARE(query.seq, 1u);
     QCOMPARE(query.text, kQueryText);
