@@ -237,9 +237,9 @@ QByteArray HttpStub::baseUrl() const
     return (m_tls ? "https://127.0.0.1:" : "http://127.0.0.1:") + QByteArray::number(port());
 }
 
-void HttpStub::route(const QByteArray& path, Handler handler)
+void HttpStub::route(const QByteArray& path, const Handler& handler)
 {
-    m_routes.insert(path, std::move(handler));
+    m_routes.insert(path, handler);
 }
 
 void HttpStub::setFallback(Handler handler)
@@ -314,7 +314,7 @@ void HttpStub::processBuffer(Connection* connection)
         QByteArray version;
         if (!bad) {
             request.method = requestLine.at(0);
-            const QByteArray target = requestLine.at(1);
+            const QByteArray& target = requestLine.at(1);
             const int question = target.indexOf('?');
             request.path = question < 0 ? target : target.left(question);
             request.query = question < 0 ? QByteArray() : target.mid(question + 1);

@@ -68,7 +68,7 @@ public:
     // Exact match on the path (without query). A later route for the same path replaces the
     // earlier one. Requests to paths without a route get the fallback handler, which answers
     // 404 unless replaced with setFallback().
-    void route(const QByteArray& path, Handler handler);
+    void route(const QByteArray& path, const Handler& handler);
     void setFallback(Handler handler);
 
     QList<HttpStubRequest> requests() const;
