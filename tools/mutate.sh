@@ -196,12 +196,15 @@ open(p, "w").write(s)' "$path"
                         break
                     fi
                     lim=$(awk -v n="$t" '$2 == n {l = 3 * $1 + 30; print int(l)}' "$scratch/times")
-                    run_test "$w" "$t" "$lim"
+                    run_test "$w" "$t" "$lim" 2>/dev/null
                     local rc=$?
                     if [ $rc -ne 0 ]; then
                         verdict=caught
                         detail="by $t"
-                        [ $rc -ge 124 ] && detail="$detail (time limit)"
+                        case $rc in
+                        124 | 137) detail="$detail (time limit)" ;;
+                        1[3-9][0-9]) detail="$detail (crashed)" ;;
+                        esac
                         break
                     fi
                 done
