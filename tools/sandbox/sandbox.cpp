@@ -414,7 +414,7 @@ QByteArray Sandbox::control(const QByteArray& command, const Params& params)
 QJsonObject Sandbox::status() const
 {
     static const char* const ssoNames[] = {"ok", "logout", "error", "slow", "drop"};
-    static const char* const addressNames[] = {"ok", "down", "state0", "bad", "drop"};
+    static const char* const addressNames[] = {"ok", "down", "state0", "bad", "drop", "refused"};
     return {{"sso", ssoNames[int(m_ssoMode)]},
             {"logout_message", m_logoutMessage},
             {"sso_error_status", m_ssoErrorStatus},
