@@ -308,7 +308,7 @@ struct Session
     QProcess* daemon = nullptr;
     MainApp app;
 
-    bool open(const Options& o, Services& services)
+    bool open(const Options& o, const Services& services)
     {
         daemon = startProcess(o, o.daemon, {}, "daemon");
         if (!app.connectTo(QString::fromLatin1(kInstanceId), 10000))
@@ -362,6 +362,7 @@ int footprint(const Options& o, Services& services)
         waitUntil(
             [&] {
                 link->connectToServer(name);
+                // cppcheck-suppress knownConditionTrueFalse ; the event loop changes it while waiting
                 return link->state() == QLocalSocket::ConnectedState || (link->abort(), false);
             },
             5000);
@@ -415,6 +416,7 @@ int latency(const Options& o, Services& services)
         const int checks = services.statusChecks;
         const double sent = nowMs();
         services.push.sendNotice(quint32(1000 + i));
+        // cppcheck-suppress knownConditionTrueFalse ; the event loop changes it while waiting
         if (waitUntil([&] { return session.app.vipCount > before; }, 5000)) {
             delays.push_back(session.app.vipMs - sent);
             if (services.statusChecks > checks)
@@ -475,6 +477,7 @@ int growth(const Options& o, Services& services)
             break;
         }
         reconnects.push_back(services.firstAnswerMs - lastDrop);
+        // cppcheck-suppress knownConditionTrueFalse ; the event loop changes it while waiting
         if (avatar && waitUntil([&] { return session.app.faceCount > faces; }, 5000))
             avatars.push_back(session.app.faceMs - services.firstAnswerMs);
         pause(1500);

@@ -44,11 +44,12 @@ QByteArray bytes(const uint8_t* data, size_t size)
 void setUp()
 {
     static const bool done = [] {
-        static int argc = 1;
-        static char name[] = "d627-fuzz";
-        static char* argv[] = {name, nullptr};
-        if (!QCoreApplication::instance())
+        if (!QCoreApplication::instance()) {
+            static int argc = 1;
+            static char name[] = "d627-fuzz";
+            static char* argv[] = {name, nullptr};
             new QCoreApplication(argc, argv);
+        }
         qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
         Msg_client::init();
         return true;

@@ -61,7 +61,7 @@ private slots:
                 "data":{"vip_info":{"vip":[{"mark":"5","expire":1.9e9},{"mark":9}]}}}}]}})");
         const qint64 before = QDateTime::currentMSecsSinceEpoch() - kSessionEpochMs;
         std::unique_ptr<MsgClient> client = m_s->client();
-        QSignalSpy status(client.get(), SIGNAL(checkstatus(bool)));
+        QSignalSpy checkSpy(client.get(), SIGNAL(checkstatus(bool)));
         QTRY_COMPARE_WITH_TIMEOUT(client->process(), 4, 10000);
         const qint64 after = QDateTime::currentMSecsSinceEpoch() - kSessionEpochMs;
         QCOMPARE(m_s->requestsTo(kAddress), 2);
@@ -90,7 +90,7 @@ private slots:
         QCOMPARE(client->responseSeq(), 1u);
         QCOMPARE(DataCenter::getInstance()->GetUserFace(), QString("img/face.png"));
         QCOMPARE(vipInfor(), qMakePair(5, qint64(1900000000)));
-        QCOMPARE(status.count(), 0);
+        QCOMPARE(checkSpy.count(), 0);
         QCOMPARE(m_s->push.acceptedCount(), 1);
     }
 
@@ -120,16 +120,16 @@ private slots:
         times.heartbeatAnswerMs = 900;
         m_s->push.setEchoHeartbeat(echo);
         std::unique_ptr<MsgClient> client = m_s->running(times);
-        QSignalSpy status(client.get(), SIGNAL(checkstatus(bool)));
+        QSignalSpy checkSpy(client.get(), SIGNAL(checkstatus(bool)));
         if (echo) {
             // Each watchdog falls due before the next heartbeat: none may have fired by then.
             QTRY_VERIFY_WITH_TIMEOUT(m_s->frames(&PushFrame::isHeartbeat).size() >= 2, 10000);
-            QCOMPARE(status.count(), 0);
+            QCOMPARE(checkSpy.count(), 0);
             return;
         }
-        QTRY_VERIFY_WITH_TIMEOUT(status.count() >= 1, 10000);
-        QCOMPARE(status.at(0).at(0).toBool(), false);
-        QTRY_COMPARE(m_s->requestsTo(kSso), status.count());
+        QTRY_VERIFY_WITH_TIMEOUT(checkSpy.count() >= 1, 10000);
+        QCOMPARE(checkSpy.at(0).at(0).toBool(), false);
+        QTRY_COMPARE(m_s->requestsTo(kSso), checkSpy.count());
         QCOMPARE(client->lastReconnectWaitMs(), 0);
         QCOMPARE(m_s->push.acceptedCount(), 1);
     }
@@ -140,9 +140,9 @@ private slots:
         times.answerMs = 200;
         m_s->push.setAnswerLogin(false);
         std::unique_ptr<MsgClient> client = m_s->client(times);
-        QSignalSpy status(client.get(), SIGNAL(checkstatus(bool)));
-        QTRY_COMPARE_WITH_TIMEOUT(status.count(), 1, 10000);
-        QCOMPARE(status.at(0).at(0).toBool(), false);
+        QSignalSpy checkSpy(client.get(), SIGNAL(checkstatus(bool)));
+        QTRY_COMPARE_WITH_TIMEOUT(checkSpy.count(), 1, 10000);
+        QCOMPARE(checkSpy.at(0).at(0).toBool(), false);
         QCOMPARE(client->process(), 1);
     }
 
@@ -182,11 +182,11 @@ private slots:
         QFETCH(qint64, expire);
         QFETCH(int, statusChecks);
         std::unique_ptr<MsgClient> client = m_s->client(PushServices::idleTimes());
-        QSignalSpy status(client.get(), SIGNAL(checkstatus(bool)));
+        QSignalSpy checkSpy(client.get(), SIGNAL(checkstatus(bool)));
         client->onhandleMsg(document);
         QCOMPARE(DataCenter::getInstance()->GetUserFace(), face);
         QCOMPARE(vipInfor(), qMakePair(mark, expire));
-        QCOMPARE(status.count(), statusChecks);
+        QCOMPARE(checkSpy.count(), statusChecks);
         // A check without reconnection: the service is asked, nothing is scheduled.
         QCOMPARE(m_s->requestsTo(kSso), statusChecks);
         QCOMPARE(client->lastReconnectWaitMs(), 0);
@@ -207,7 +207,7 @@ private slots:
         std::unique_ptr<MsgClient> client = m_s->running();
         m_s->push.setAnswerRequests(answered);
         m_s->push.clearFrames();
-        QSignalSpy status(client.get(), SIGNAL(checkstatus(bool)));
+        QSignalSpy checkSpy(client.get(), SIGNAL(checkstatus(bool)));
         QCOMPARE(m_s->push.sendNotice(42), 1);
         QTRY_COMPARE(m_s->frames(&PushFrame::isQuery).size(), 1);
         const PushFrame query = m_s->frames(&PushFrame::isQuery).at(0);
@@ -216,8 +216,8 @@ private slots:
         if (!answered)
             m_s->push.sendNotice(43);
         QTRY_COMPARE(m_s->requestsTo(kSso), 1);
-        QCOMPARE(status.count(), 1);
-        QCOMPARE(status.at(0).at(0).toBool(), false);
+        QCOMPARE(checkSpy.count(), 1);
+        QCOMPARE(checkSpy.at(0).at(0).toBool(), false);
         QCOMPARE(vipInfor(), qMakePair(100, qint64(100)));
         QCOMPARE(m_s->frames(&PushFrame::isQuery).size(), 1);
         QCOMPARE(client->sequence(), 3u);
@@ -287,10 +287,10 @@ private slots:
             m_s->addressBody = answer;
         m_s->sso = HttpStubResponse::json(PushServices::kSsoKicked);
         std::unique_ptr<MsgClient> client = m_s->client();
-        QSignalSpy status(client.get(), SIGNAL(checkstatus(bool)));
+        QSignalSpy checkSpy(client.get(), SIGNAL(checkstatus(bool)));
         QTRY_VERIFY_WITH_TIMEOUT(logoutRecord().isLogout, 10000);
-        QCOMPARE(status.count(), 1);
-        QCOMPARE(status.at(0).at(0).toBool(), true);
+        QCOMPARE(checkSpy.count(), 1);
+        QCOMPARE(checkSpy.at(0).at(0).toBool(), true);
         QCOMPARE(m_s->requestsTo(kSso), 1);
         QCOMPARE(m_s->requestsTo(kAddress), addressRequests);
         QCOMPARE(m_s->push.frames().size(), 0);
@@ -316,10 +316,10 @@ private slots:
     void droppedConnectionReconnects()
     {
         std::unique_ptr<MsgClient> client = m_s->running();
-        QSignalSpy status(client.get(), SIGNAL(checkstatus(bool)));
+        QSignalSpy checkSpy(client.get(), SIGNAL(checkstatus(bool)));
         QCOMPARE(m_s->push.dropConnections(), 1);
         QTRY_COMPARE(m_s->requestsTo(kSso), 1);
-        QCOMPARE(status.at(0).at(0).toBool(), true);
+        QCOMPARE(checkSpy.at(0).at(0).toBool(), true);
         QCOMPARE(client->lastReconnectWaitMs(), 10);
         // The back-off restarts the process at step 0: a new connection with a new login.
         QTRY_COMPARE_WITH_TIMEOUT(m_s->frames(&PushFrame::isQuery).size(), 2, 10000);
@@ -344,10 +344,10 @@ private slots:
         QFETCH(QByteArray, bytes);
         std::unique_ptr<MsgClient> client = m_s->running();
         m_s->sso = HttpStubResponse::json(PushServices::kSsoKicked);
-        QSignalSpy status(client.get(), SIGNAL(checkstatus(bool)));
+        QSignalSpy checkSpy(client.get(), SIGNAL(checkstatus(bool)));
         m_s->push.sendRaw(bytes);
         QTRY_VERIFY(logoutRecord().isLogout);
-        QCOMPARE(status.at(0).at(0).toBool(), true);
+        QCOMPARE(checkSpy.at(0).at(0).toBool(), true);
         QCOMPARE(logoutRecord().message, QString("kicked"));
     }
 
