@@ -11,20 +11,12 @@
 
 namespace {
 time_t g_now = 1000000;
-time_t fakeClock()
-{
-    return g_now;
-}
 
 QStringList fileLines(const QString& path)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    QStringList lines = QString::fromUtf8(file.readAll()).split('\n');
-    if (!lines.isEmpty() && lines.last().isEmpty())
-        lines.removeLast();
-    return lines;
+    const QString text = file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : "";
+    return text.isEmpty() ? QStringList() : text.chopped(text.endsWith('\n') ? 1 : 0).split('\n');
 }
 } // namespace
 
@@ -63,7 +55,7 @@ void tst_Log::cleanup()
 LogManager* tst_Log::openLog(int threshold)
 {
     DataCenter::getInstance()->SetLogLevel(threshold);
-    LogManager::getInstance()->setClock(fakeClock);
+    LogManager::getInstance()->setClock([] { return g_now; });
     LogManager::getInstance()->init();
     return LogManager::getInstance();
 }

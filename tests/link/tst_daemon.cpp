@@ -10,11 +10,9 @@
 
 namespace {
 const QString kDaemon = QString(D627_BIN_DIR) + "/d627";
-const char* const kCannotSwitch = "not root, or cannot switch to user id 65534: the case of "
-                                  "another local user is not tested here";
+const char* const kCannotSwitch = "not root, or cannot switch to user 65534: another user untested";
 } // namespace
 
-// The real d627 binary as a process, with its own TMPDIR and HOME.
 // The real d627 binary as a process, with its own TMPDIR and HOME.
 class tst_Daemon : public QObject
 {

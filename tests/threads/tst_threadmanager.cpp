@@ -19,8 +19,7 @@ class tst_ThreadManager : public QObject
 private slots:
     void initTestCase();
     void cleanup();
-    void createThread_duplicateAndUnknownRefused();
-    void stopThenCreate_makesSecondThread();
+    void createStopCreate();
     void cleanThread_reapsAllFinishedButOneStillFinishing();
     void isInvalidThreadExist_emptyTag();
 
@@ -42,33 +41,23 @@ void tst_ThreadManager::cleanup()
     m_manager->CleanThread();
 }
 
-void tst_ThreadManager::createThread_duplicateAndUnknownRefused()
+void tst_ThreadManager::createStopCreate()
 {
     for (int type : {0, 3, 5, 8, -1})
         QCOMPARE(m_manager->CreateThread(type, kTag), nullptr);
     QVERIFY(m_log.since().isEmpty());
     QVERIFY(!m_manager->IsExist(-1));
-    CBaseThread* first = m_manager->CreateThread(4, kTag);
-    QVERIFY(first);
-    QCOMPARE(first->GetType(), 4);
-    QCOMPARE(first->GetData(), kTag);
-    // IsExist tests bits of the running types.
+    QPointer<CBaseThread> first = m_manager->CreateThread(4, kTag);
+    QVERIFY(first && first->GetType() == 4 && first->GetData() == kTag);
+    // IsExist tests bits of the types not finished.
     QVERIFY(m_manager->IsExist(4) && m_manager->IsExist(5));
     QVERIFY(!m_manager->IsExist(2) && !m_manager->IsExist(1));
     QVERIFY(!m_log.since().contains("exist the same valid thread"));
     QCOMPARE(m_manager->CreateThread(4, kTag), nullptr);
     QVERIFY(m_log.since().contains("exist the same valid thread"));
-    // Another tag of the same type is a different thread.
-    QVERIFY(m_manager->CreateThread(4, QVariant("other")));
-}
-
-void tst_ThreadManager::stopThenCreate_makesSecondThread()
-{
-    QPointer<CBaseThread> first = m_manager->CreateThread(4, kTag);
-    QVERIFY(first);
     m_manager->StopThread(4, kTag);
-    QVERIFY(!first->GetValid());
-    QVERIFY(m_manager->IsExist(4)); // stopped but not finished yet still counts
+    QVERIFY(!first->GetValid() && m_manager->IsExist(4));   // stopped, not finished: it counts
+    QVERIFY(m_manager->CreateThread(4, QVariant("other"))); // another tag, another thread
     QPointer<CBaseThread> second = m_manager->CreateThread(4, kTag);
     QVERIFY(second && second != first && second->GetValid());
     QVERIFY(m_log.since().contains("found main thread"));
