@@ -33,8 +33,7 @@ class tst_Adapter : public QObject
 private slots:
     void init();
     void cleanup();
-    void exits_data();
-    void exits();
+    void logoutRecord_sendsLogoutThenExits();
     void ignored_data();
     void ignored();
     void loginMessage_fillsDataCenterAndRequestsClientThread();
@@ -112,29 +111,14 @@ QJsonObject tst_Adapter::nextMessage(int timeoutMs)
     return document.object();
 }
 
-void tst_Adapter::exits_data()
+// The ends on an exit message and on the main application gone are run with the real daemon.
+void tst_Adapter::logoutRecord_sendsLogoutThenExits()
 {
-    QTest::addColumn<int>("how");
-    QTest::newRow("exit true") << 0;
-    QTest::newRow("main application gone") << 1;
-    QTest::newRow("logout sent first") << 2;
-}
-
-void tst_Adapter::exits()
-{
-    QFETCH(int, how);
     const CLogoutInfor logout{true, QString::fromUtf8("kicked \xe2\x9c\x93")};
-    DataCenter* center = DataCenter::getInstance();
-    if (how == 0)
-        send(R"({"exit":true})");
-    center->SetMainAppExist(how != 1);
-    if (how == 2) {
-        center->SetUserFace("http://also/pending");
-        center->SetLogoutInfor(logout);
-    }
+    DataCenter::getInstance()->SetUserFace("http://also/pending");
+    DataCenter::getInstance()->SetLogoutInfor(logout);
     QCOMPARE(execUntilExit(30000), 0);
-    if (how == 2)
-        QCOMPARE(nextMessage(), QJsonObject({{"logout", logout.message}}));
+    QCOMPARE(nextMessage(), QJsonObject({{"logout", logout.message}}));
 }
 
 // None of these ends the loop, replies, or sets the pid, log level, https flag or user id.

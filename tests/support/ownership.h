@@ -16,13 +16,7 @@
 
 namespace ownership {
 constexpr uid_t kNobody = 65534;
-enum Result
-{
-    kClosed,
-    kRefused,
-    kFailed,
-    kCannotSwitch = 90
-};
+constexpr int kClosed = 0, kRefused = 1, kFailed = 2, kCannotSwitch = 90; // child results
 
 inline int mode(const QString& path)
 {

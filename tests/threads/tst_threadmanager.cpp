@@ -60,8 +60,8 @@ void tst_ThreadManager::createStopCreate()
     QVERIFY(m_manager->CreateThread(4, QVariant("other"))); // another tag, another thread
     QPointer<CBaseThread> second = m_manager->CreateThread(4, kTag);
     QVERIFY(second && second != first && second->GetValid());
-    QVERIFY(m_log.since().contains("found main thread"));
-    QVERIFY(m_log.since().contains("mainapp detect thread receive quit flag"));
+    QVERIFY(m_log.since().contains("found main thread") &&
+            m_log.since().contains("mainapp detect thread receive quit flag"));
     // The stopped thread finishes on its own and is then reaped; the new one stays.
     QTRY_VERIFY_WITH_TIMEOUT(first->isFinished(), 30000);
     m_manager->CleanThread();
