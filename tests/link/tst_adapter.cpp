@@ -43,7 +43,6 @@ private slots:
 
 private:
     void connectClient();
-    void send(const QByteArray& bytes);
     QJsonObject nextMessage(int timeoutMs = 30000);
 
     QTemporaryDir m_dir;
@@ -93,12 +92,6 @@ void tst_Adapter::connectClient()
     QTest::qWait(50); // let the adapter take the connection
 }
 
-void tst_Adapter::send(const QByteArray& bytes)
-{
-    m_client->write(bytes);
-    QVERIFY(m_client->waitForBytesWritten(30000));
-}
-
 QJsonObject tst_Adapter::nextMessage(int timeoutMs)
 {
     if (!QTest::qWaitFor([this] { return m_client->bytesAvailable() > 0; }, timeoutMs))
@@ -140,7 +133,8 @@ void tst_Adapter::ignored()
     QFETCH(QByteArray, bytes);
     const QDir logs(m_dir.path() + "/Documents/627log/support");
     const QStringList before = logs.entryList(QDir::Files);
-    send(bytes);
+    m_client->write(bytes);
+    QVERIFY(m_client->waitForBytesWritten(30000));
     QCOMPARE(execUntilExit(500), kTimedOut);
     DataCenter* center = DataCenter::getInstance();
     CLoginInfor login;
@@ -158,8 +152,10 @@ void tst_Adapter::loginMessage_fillsDataCenterAndRequestsClientThread()
     DataCenter* center = DataCenter::getInstance();
     center->SetLogoutInfor({false, "old"});
     center->SetMainAppExist(false);
-    send(R"({"user_id":"1001","cookie":"USERSESSIONID=u;PHPSESSID=p;","setting":6,)"
-         R"("user_agent":"agent/1.0","pid":4321,"lockfile":"/tmp/main.lock","loglevel":1})");
+    m_client->write(
+        R"({"user_id":"1001","cookie":"USERSESSIONID=u;PHPSESSID=p;","setting":6,)"
+        R"("user_agent":"agent/1.0","pid":4321,"lockfile":"/tmp/main.lock","loglevel":1})");
+    QVERIFY(m_client->waitForBytesWritten(30000));
 
     QTRY_COMPARE_WITH_TIMEOUT(center->GetLogLevel(), 1, 30000); // the last key handled
     CLoginInfor login;
@@ -178,7 +174,8 @@ void tst_Adapter::loginMessage_fillsDataCenterAndRequestsClientThread()
 
     // A repeated login opens a fresh file and is refused a second client thread.
     QTest::qWait(1100);
-    send(R"({"user_id":"1001","loglevel":1})");
+    m_client->write(R"({"user_id":"1001","loglevel":1})");
+    QVERIFY(m_client->waitForBytesWritten(30000));
     QTRY_VERIFY_WITH_TIMEOUT(LogManager::getInstance()->fileName() != logFile, 30000);
     QFile file(LogManager::getInstance()->fileName());
     QVERIFY(file.open(QIODevice::ReadOnly));

@@ -131,9 +131,9 @@ void tst_Daemon::mainAppLockReleasedWhileLinkDown_exits()
     QVERIFY(holder.waitForFinished(30000));
     endsWithZero(m_daemon);
     const QByteArray text = logText();
-    QVERIFY(text.contains("local socket disconnected"));
-    QVERIFY(text.contains("627 is not runing!"));
-    QVERIFY(text.contains("627 is not exist, exit app"));
+    QVERIFY2(text.contains("local socket disconnected") && text.contains("627 is not runing!") &&
+                 text.contains("627 is not exist, exit app"),
+             text.constData());
 }
 
 // The daemon's one log file; empty while there is none.

@@ -21,7 +21,6 @@ private slots:
     void cleanup();
     void createStopCreate();
     void cleanThread_reapsAllFinishedButOneStillFinishing();
-    void isInvalidThreadExist_emptyTag();
 
 private:
     LogCapture m_log;
@@ -49,6 +48,7 @@ void tst_ThreadManager::createStopCreate()
     QVERIFY(!m_manager->IsExist(-1));
     QPointer<CBaseThread> first = m_manager->CreateThread(4, kTag);
     QVERIFY(first && first->GetType() == 4 && first->GetData() == kTag);
+    QVERIFY(!m_manager->IsInvalidThreadExist(4, kTag, 0, 10));
     // IsExist tests bits of the types not finished.
     QVERIFY(m_manager->IsExist(4) && m_manager->IsExist(5));
     QVERIFY(!m_manager->IsExist(2) && !m_manager->IsExist(1));
@@ -56,7 +56,9 @@ void tst_ThreadManager::createStopCreate()
     QCOMPARE(m_manager->CreateThread(4, kTag), nullptr);
     QVERIFY(m_log.since().contains("exist the same valid thread"));
     m_manager->StopThread(4, kTag);
-    QVERIFY(!first->GetValid() && m_manager->IsExist(4));   // stopped, not finished: it counts
+    QVERIFY(!first->GetValid() && m_manager->IsExist(4)); // stopped, not finished: it counts
+    QVERIFY(m_manager->IsInvalidThreadExist(4, kTag, 0, 10));
+    QVERIFY(m_log.since().contains("invalid main thread is exist"));
     QVERIFY(m_manager->CreateThread(4, QVariant("other"))); // another tag, another thread
     QPointer<CBaseThread> second = m_manager->CreateThread(4, kTag);
     QVERIFY(second && second != first && second->GetValid());
@@ -67,6 +69,10 @@ void tst_ThreadManager::createStopCreate()
     m_manager->CleanThread();
     QVERIFY(first.isNull());
     QVERIFY(!second.isNull());
+    // An empty tag is never taken for a stopped thread.
+    QVERIFY(m_manager->CreateThread(4, QVariant()));
+    m_manager->StopThread(4, QVariant());
+    QVERIFY(!m_manager->IsInvalidThreadExist(4, QVariant(), 0, 10));
 }
 
 // "c" has left run() but is held inside its finished() signal: isFinished() is already true,
@@ -99,19 +105,6 @@ void tst_ThreadManager::cleanThread_reapsAllFinishedButOneStillFinishing()
     QVERIFY(threads[2]->wait(30000));
     m_manager->CleanThread();
     QVERIFY(threads[2].isNull());
-}
-
-void tst_ThreadManager::isInvalidThreadExist_emptyTag()
-{
-    QVERIFY(m_manager->CreateThread(4, QVariant()));
-    m_manager->StopThread(4, QVariant());
-    QVERIFY(!m_manager->IsInvalidThreadExist(4, QVariant(), 0, 10));
-
-    QVERIFY(m_manager->CreateThread(4, kTag));
-    QVERIFY(!m_manager->IsInvalidThreadExist(4, kTag, 0, 10));
-    m_manager->StopThread(4, kTag);
-    QVERIFY(m_manager->IsInvalidThreadExist(4, kTag, 0, 10));
-    QVERIFY(m_log.since().contains("invalid main thread is exist"));
 }
 
 QTEST_GUILESS_MAIN(tst_ThreadManager)
