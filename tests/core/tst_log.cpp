@@ -102,19 +102,17 @@ void tst_Log::firstLines_markerPrefixAndCut()
 {
     LogManager* log = openLog(1);
     const QString folder = QRegularExpression::escape(documents() + "/627log/support/");
-    QVERIFY2(QRegularExpression(QString("^%1\\d{4}_\\d{6}_%2_627\\.log$").arg(folder).arg(getpid()))
-                 .match(log->fileName())
-                 .hasMatch(),
-             qPrintable(log->fileName()));
+    const QRegularExpression name(
+        QString("^%1\\d{4}_\\d{6}_%2_627\\.log$").arg(folder).arg(getpid()));
+    QVERIFY2(name.match(log->fileName()).hasMatch(), qPrintable(log->fileName()));
     log->Msg(1, "hello %s", "world");
     log->Msg(1, "%s", QByteArray(5000, 'x').constData());
     const QStringList lines = fileLines(log->fileName());
     QCOMPARE(lines.size(), 3);
     QCOMPARE(lines.at(0), QString("1!!!"));
-    const QRegularExpressionMatch match =
-        QRegularExpression(
-            "^\\[(\\d{5,})\\]\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}  hello world$")
-            .match(lines.at(1));
+    const QRegularExpression prefix(
+        "^\\[(\\d{5,})\\]\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}  hello world$");
+    const QRegularExpressionMatch match = prefix.match(lines.at(1));
     QVERIFY2(match.hasMatch(), qPrintable(lines.at(1)));
     QCOMPARE(match.captured(1).toULongLong(), static_cast<qulonglong>(pthread_self()));
     QCOMPARE(lines.at(2).count('x'), 2047);

@@ -99,8 +99,7 @@ void tst_ThreadManager::cleanThread_reapsAllFinishedButOneStillFinishing()
 
     m_manager->CleanThread();
     QVERIFY(threads[0].isNull() && threads[3].isNull());
-    QVERIFY(!threads[2].isNull());
-    QVERIFY(!threads[1].isNull() && threads[1]->isRunning());
+    QVERIFY(!threads[2].isNull() && !threads[1].isNull() && threads[1]->isRunning());
     release.release();
     QVERIFY(threads[2]->wait(30000));
     m_manager->CleanThread();
