@@ -2,8 +2,6 @@
 #include "ownership.h"
 
 #include <QDir>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QLocalSocket>
 #include <QProcess>
 #include <QTemporaryDir>
@@ -12,8 +10,7 @@
 
 namespace {
 const QString kDaemon = QString(D627_BIN_DIR) + "/d627";
-const char* const kCannotSwitch = "not root, or cannot switch to user id 65534: the case of "
-                                  "another local user is not tested here";
+const char* const kCannotSwitch = "not root, or cannot switch to user 65534: another user untested";
 } // namespace
 
 // The real d627 binary as a process, with its own TMPDIR and HOME.
@@ -23,17 +20,17 @@ class tst_Daemon : public QObject
 private slots:
     void init();
     void cleanup();
-    void secondInstance_printsHolderAndExitsZero();
-    void staleSocketAndLock_doNotStopAStart();
-    void exitMessage_endsWithZero();
+    void secondAndStaleInstances();
     void mainAppLockReleasedWhileLinkDown_exits();
     void otherUser_closedUnreadWhileUserIsServed();
     void mainApp_privateTmpDir_data();
     void mainApp_privateTmpDir();
 
 private:
-    void startDaemon(QProcess& process);
-    bool connectTo(QLocalSocket& socket);
+    void start(QProcess& process, QLocalSocket* socket = nullptr, const QString& program = kDaemon,
+               const QStringList& arguments = {});
+    void exitWithZero(QLocalSocket& socket, const QByteArray& exit = R"({"exit":true})");
+    static void endsWithZero(QProcess& process);
     QString socketPath() const { return m_tmp + "/" + kInstanceId; }
     QByteArray logText() const;
 
@@ -56,93 +53,60 @@ void tst_Daemon::init()
 
 void tst_Daemon::cleanup()
 {
-    if (m_daemon.state() != QProcess::NotRunning) {
-        m_daemon.kill();
-        m_daemon.waitForFinished(3000);
-    }
+    m_daemon.kill();
+    m_daemon.waitForFinished(3000);
 }
 
-void tst_Daemon::startDaemon(QProcess& process)
+// Starts the daemon; with a socket, connects it (retrying while the daemon starts listening).
+void tst_Daemon::start(QProcess& process, QLocalSocket* socket, const QString& program,
+                       const QStringList& arguments)
 {
     process.setProcessEnvironment(m_env);
     process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(kDaemon, QStringList());
+    process.start(program, arguments);
     QVERIFY(process.waitForStarted(30000));
-}
-
-bool tst_Daemon::connectTo(QLocalSocket& socket)
-{
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < 30000) {
-        socket.connectToServer(socketPath());
-        if (socket.waitForConnected(500))
-            return true;
-        QTest::qWait(50);
+    for (QDeadlineTimer deadline(30000); socket && !deadline.hasExpired(); QTest::qWait(50)) {
+        socket->connectToServer(socketPath());
+        if (socket->waitForConnected(500))
+            return;
     }
-    return false;
+    QVERIFY2(!socket, "the daemon does not listen");
 }
 
-void tst_Daemon::secondInstance_printsHolderAndExitsZero()
+void tst_Daemon::exitWithZero(QLocalSocket& socket, const QByteArray& exit)
 {
-    startDaemon(m_daemon);
-    QLocalSocket socket;
-    QVERIFY(connectTo(socket));
-
-    QProcess second;
-    startDaemon(second);
-    QVERIFY(second.waitForFinished(30000));
-    QCOMPARE(second.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(second.exitCode(), 0);
-    const QString output = QString::fromUtf8(second.readAll()).trimmed();
-    QCOMPARE(output, QString("d627 has run : %1").arg(m_daemon.processId()));
-    QCOMPARE(m_daemon.state(), QProcess::Running);
-    // The second instance wrote no log.
-    QVERIFY(!QFileInfo::exists(m_dir->path() + "/Documents"));
-
-    const QString lockFile = m_tmp + "/d627_" + kInstanceId + "-lockfile";
-    QVERIFY(QFile::exists(lockFile));
-    socket.write(R"({"exit":true})");
+    socket.write(exit);
     socket.flush();
-    QVERIFY(m_daemon.waitForFinished(30000));
-    QCOMPARE(m_daemon.exitCode(), 0);
-    QVERIFY(!QFile::exists(lockFile));
+    endsWithZero(m_daemon);
 }
 
-void tst_Daemon::staleSocketAndLock_doNotStopAStart()
+void tst_Daemon::endsWithZero(QProcess& process)
 {
-    startDaemon(m_daemon);
-    QLocalSocket first;
-    QVERIFY(connectTo(first));
+    QVERIFY(process.waitForFinished(30000));
+    QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(process.exitCode(), 0);
+}
+
+void tst_Daemon::secondAndStaleInstances()
+{
+    QLocalSocket first, second;
+    start(m_daemon, &first);
+    QProcess other;
+    start(other);
+    endsWithZero(other);
+    QCOMPARE(QString::fromUtf8(other.readAll()).trimmed(),
+             QString("d627 has run : %1").arg(m_daemon.processId()));
+    QVERIFY(!QFileInfo::exists(m_dir->path() + "/Documents")); // it wrote no log
+
+    // A killed daemon leaves its socket file and lock file; neither stops the next start.
     ::kill(pid_t(m_daemon.processId()), SIGKILL);
     QVERIFY(m_daemon.waitForFinished(30000));
     first.abort();
-    QVERIFY(QFileInfo::exists(socketPath()));
-
-    startDaemon(m_daemon);
-    QLocalSocket second;
-    QVERIFY(connectTo(second));
-    QTest::qWait(300);
-    QCOMPARE(m_daemon.state(), QProcess::Running);
-    second.write(R"({"exit":true})");
-    second.flush();
-    QVERIFY(m_daemon.waitForFinished(30000));
-    QCOMPARE(m_daemon.exitCode(), 0);
-}
-
-void tst_Daemon::exitMessage_endsWithZero()
-{
-    startDaemon(m_daemon);
-    QLocalSocket socket;
-    QVERIFY(connectTo(socket));
-    socket.write(R"({"exit":false})");
-    socket.flush();
-    QVERIFY(!m_daemon.waitForFinished(600));
-    socket.write(R"({"exit":true})");
-    socket.flush();
-    QVERIFY(m_daemon.waitForFinished(30000));
-    QCOMPARE(m_daemon.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(m_daemon.exitCode(), 0);
+    const QString lockFile = m_tmp + "/d627_" + kInstanceId + "-lockfile";
+    QVERIFY(QFileInfo::exists(socketPath()) && QFile::exists(lockFile));
+    start(m_daemon, &second);
+    exitWithZero(second);
+    QVERIFY(!QFile::exists(lockFile));
 }
 
 void tst_Daemon::mainAppLockReleasedWhileLinkDown_exits()
@@ -150,17 +114,13 @@ void tst_Daemon::mainAppLockReleasedWhileLinkDown_exits()
     QProcess holder;
     holder.start(QString(D627_BIN_DIR) + "/lockholder", {m_dir->path() + "/main.lock"});
     QVERIFY(holder.waitForReadyRead(30000));
-
-    startDaemon(m_daemon);
     QLocalSocket socket;
-    QVERIFY(connectTo(socket));
+    start(m_daemon, &socket);
     // No user id: the client thread waits and never dials a service.
-    const QJsonObject login{{"user_id", ""},
-                            {"cookie", "PHPSESSID=x;"},
-                            {"pid", int(holder.processId())},
-                            {"lockfile", m_dir->path() + "/main.lock"},
-                            {"loglevel", 1}};
-    socket.write(QJsonDocument(login).toJson(QJsonDocument::Compact));
+    socket.write(QString(R"({"user_id":"","pid":%1,"lockfile":"%2","loglevel":1})")
+                     .arg(holder.processId())
+                     .arg(m_dir->path() + "/main.lock")
+                     .toUtf8());
     socket.flush();
     QTest::qWait(300);
     socket.disconnectFromServer();
@@ -169,13 +129,11 @@ void tst_Daemon::mainAppLockReleasedWhileLinkDown_exits()
     QVERIFY(!m_daemon.waitForFinished(2500));
     holder.closeWriteChannel();
     QVERIFY(holder.waitForFinished(30000));
-    QVERIFY(m_daemon.waitForFinished(30000));
-    QCOMPARE(m_daemon.exitCode(), 0);
-
+    endsWithZero(m_daemon);
     const QByteArray text = logText();
-    QVERIFY(text.contains("local socket disconnected"));
-    QVERIFY(text.contains("627 is not runing!"));
-    QVERIFY(text.contains("627 is not exist, exit app"));
+    QVERIFY2(text.contains("local socket disconnected") && text.contains("627 is not runing!") &&
+                 text.contains("627 is not exist, exit app"),
+             text.constData());
 }
 
 // The daemon's one log file; empty while there is none.
@@ -193,11 +151,10 @@ void tst_Daemon::otherUser_closedUnreadWhileUserIsServed()
         QSKIP(kCannotSwitch);
     for (const QString& dir : {m_dir->path(), m_tmp}) // user 65534 may reach the socket file
         QCOMPARE(::chmod(QFile::encodeName(dir).constData(), 0755), 0);
-    const mode_t before = ::umask(022);
-    startDaemon(m_daemon);
-    ::umask(before);
     QLocalSocket socket;
-    QVERIFY(connectTo(socket));
+    const mode_t before = ::umask(022);
+    start(m_daemon, &socket);
+    ::umask(before);
     socket.write(R"({"user_id":"","loglevel":1})");
     socket.flush();
     QTRY_VERIFY(logText().contains("OnReadyRead data is"));
@@ -213,10 +170,7 @@ void tst_Daemon::otherUser_closedUnreadWhileUserIsServed()
     QVERIFY(!logText().contains(exit));
     QCOMPARE(m_daemon.state(), QProcess::Running);
     QCOMPARE(socket.state(), QLocalSocket::ConnectedState);
-    socket.write(exit);
-    socket.flush();
-    QVERIFY(m_daemon.waitForFinished(5000));
-    QCOMPARE(m_daemon.exitCode(), 0);
+    exitWithZero(socket, exit);
 }
 
 void tst_Daemon::mainApp_privateTmpDir_data()
@@ -252,12 +206,10 @@ void tst_Daemon::mainApp_privateTmpDir()
     QTRY_VERIFY(!impostor || QFile::exists(socket));
 
     QProcess mainApp;
-    mainApp.setProcessEnvironment(m_env);
-    mainApp.setProcessChannelMode(QProcess::MergedChannels);
     const mode_t before = ::umask(0);
-    mainApp.start(QString(D627_BIN_DIR) + "/d627-mainapp",
-                  QStringList{"--daemon", kDaemon, "--user-id", "", "--loglevel", "0"} +
-                      (impostor ? QStringList{"--tmpdir", tmp} : QStringList{}));
+    start(mainApp, nullptr, QString(D627_BIN_DIR) + "/d627-mainapp",
+          QStringList{"--daemon", kDaemon, "--user-id", "", "--loglevel", "0"} +
+              (impostor ? QStringList{"--tmpdir", tmp} : QStringList{}));
     ::umask(before);
     QByteArray output;
     QTRY_VERIFY_WITH_TIMEOUT((output += mainApp.readAll()).contains(expected), 15000);
@@ -274,8 +226,7 @@ void tst_Daemon::mainApp_privateTmpDir()
     QCOMPARE(ownership::mode(QFile::decodeName(socket)), 0700);
     QVERIFY(!QFileInfo::exists(socketPath()));
     mainApp.write("exit\n");
-    QVERIFY(mainApp.waitForFinished(5000));
-    QCOMPARE(mainApp.exitCode(), 0);
+    endsWithZero(mainApp);
     QTRY_VERIFY_WITH_TIMEOUT(!QFileInfo::exists(lockFile), 10000); // the daemon ended
 }
 

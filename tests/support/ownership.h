@@ -16,13 +16,7 @@
 
 namespace ownership {
 constexpr uid_t kNobody = 65534;
-enum Result
-{
-    kClosed,
-    kRefused,
-    kFailed,
-    kCannotSwitch = 90
-};
+constexpr int kClosed = 0, kRefused = 1, kFailed = 2, kCannotSwitch = 90; // child results
 
 inline int mode(const QString& path)
 {
@@ -53,9 +47,8 @@ inline bool canSwitch()
     return ::geteuid() == 0 && waitExit(asOtherUser([]() { return 0; })) == 0;
 }
 
-// Child body. With bytes: connects to the socket file at path and sends them; kClosed when the
-// peer then closes the link. Without: listens at path; kClosed when its one client closes the
-// link without sending a byte. kFailed on anything else, or after 30 s.
+// Child body. With bytes: connects to path, sends them; kClosed when the peer then closes. Without:
+// listens at path; kClosed when its one client closes without a byte. Else or after 30 s kFailed.
 inline int talk(const QByteArray& path, const QByteArray* bytes = nullptr)
 {
     sockaddr_un address{AF_UNIX, {}};
