@@ -1,8 +1,13 @@
-// StringEncrypt and get_m627_encode against the stand-in cipher library.
+// StringEncrypt, get_m627_encode and the push answer decoder against the stand-in cipher library.
+// Answers are sealed the way a push server seals them (the stand-in server's wire helpers);
+// outgoing frames are checked byte for byte in tst_cipher_fake.
 #include "cipher/stringencrypt.h"
 #include "logcapture.h"
+#include "push/msg_client.h"
+#include "pushwire.h"
 
 #include <QLibrary>
+#include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QtTest>
 
@@ -14,12 +19,27 @@ using TextFn = int (*)(const unsigned char*, unsigned int, unsigned char*, unsig
 const auto uc = [](const QByteArray& b) {
     return reinterpret_cast<const unsigned char*>(b.data());
 };
+QByteArray le32(quint32 v)
+{
+    QByteArray b;
+    pushwire::appendLe32(b, v);
+    return b;
+}
+QByteArray rspHead(const char* magic, quint32 seq, bool compressed, quint32 length)
+{
+    return QByteArray(magic, 4) + le32(seq) + QByteArray(1, compressed ? 1 : 0) +
+           QByteArray(3, '\x7f') + le32(length);
+}
+QByteArray seal(const QByteArray& plain)
+{
+    QByteArray sealed;
+    return pushwire::seal(plain, sealed) ? sealed : QByteArray();
+}
 } // namespace
 
 class TstStringEncrypt : public QObject
 {
     Q_OBJECT
-
     QLibrary m_lib{"ec627"};
     MsgOpenFn m_msgOpen = nullptr;
     TextFn m_textDecode = nullptr;
@@ -27,21 +47,28 @@ class TstStringEncrypt : public QObject
 
     StringEncrypt* se() { return StringEncrypt::getInstance(); }
 
-    // Opens an m627 text with the key of `seconds`; empty on failure.
-    QByteArray openText(const QByteArray& text, const QString& key, bool* ok)
-    {
-        QByteArray plain(text.size(), '\0');
-        unsigned int n = plain.size();
-        QByteArray k = key.toUtf8();
-        unsigned char scratch[16] = {};
-        *ok = m_textDecode(uc(text), text.size(), reinterpret_cast<unsigned char*>(plain.data()),
-                           &n, reinterpret_cast<unsigned char*>(k.data()), scratch) == 0;
-        return plain.left(*ok ? int(n) : 0);
-    }
-    QByteArray openForm(const QString& form, qint64 seconds, bool* ok)
+    // Opens a form with the key of `seconds`; false on failure.
+    bool openForm(const QString& form, qint64 seconds, QByteArray& plain)
     {
         const QByteArray text = QByteArray::fromPercentEncoding(form.mid(5).toUtf8());
-        return openText(text, m627KeyForTime(seconds), ok);
+        plain = QByteArray(text.size(), '\0');
+        unsigned int n = plain.size();
+        QByteArray k = m627KeyForTime(seconds).toUtf8();
+        unsigned char scratch[16] = {};
+        const bool ok =
+            m_textDecode(uc(text), text.size(), reinterpret_cast<unsigned char*>(plain.data()), &n,
+                         reinterpret_cast<unsigned char*>(k.data()), scratch) == 0;
+        plain.truncate(ok ? int(n) : 0);
+        return ok;
+    }
+    QByteArray openMsg(unsigned int type, const QByteArray& token, const QByteArray& body)
+    {
+        QByteArray plain(64, '\0');
+        int n = plain.size();
+        return m_msgOpen(type, uc(token), token.size(), uc(body), body.size(),
+                         reinterpret_cast<unsigned char*>(plain.data()), &n) == 0
+                   ? plain.left(n)
+                   : QByteArray("(failed)");
     }
 
 private slots:
@@ -52,6 +79,7 @@ private slots:
         m_textDecode = reinterpret_cast<TextFn>(m_lib.resolve("m627_decode"));
         QVERIFY(m_msgOpen && m_textDecode);
         m_log.start(-1); // negative: level-0 lines too
+        QCOMPARE(Msg_client::init(), 0);
     }
     void init() { m_log.mark(); }
 
@@ -89,94 +117,60 @@ private slots:
 
     void badInputLeavesOutput()
     {
-        QByteArray sealed;
-        QCOMPARE(se()->Ec627EncodeData("secret", sealed), 0);
+        const QByteArray sealed = seal("secret");
         QByteArray flipped = sealed;
         flipped[30] = char(flipped.at(30) ^ 0x10);
+        QByteArray out("untouched");
         for (const QByteArray& bad :
-             {flipped, sealed.chopped(1), QByteArray(), QByteArray(39, 'a')}) {
-            QByteArray out("untouched");
+             {flipped, sealed.chopped(1), QByteArray(), QByteArray(39, 'a')})
             QVERIFY(se()->Ec627Decode(bad, out) != 0);
-            QCOMPARE(out, QByteArray("untouched"));
-        }
+        QVERIFY(se()->M627Encode("short", out) != 0); // capacity 10 x input: too small below 7
+        QVERIFY(se()->M627Encode(QByteArray(), out) != 0);
+        QCOMPARE(out, QByteArray("untouched"));
     }
 
     void messageSeals()
     {
         unsigned char token[128] = {};
         int tokenLength = 128;
-        QByteArray body;
+        QByteArray body, tok;
         QCOMPARE(se()->Ec627MsgEncode(4242, "login", body, token, &tokenLength), 0);
         QCOMPARE(tokenLength, 48);
-        QByteArray plain(64, '\0');
-        int n = plain.size();
-        QCOMPARE(m_msgOpen(4242, token, 48, uc(body), body.size(),
-                           reinterpret_cast<unsigned char*>(plain.data()), &n),
-                 0);
-        QCOMPARE(plain.left(n), QByteArray("login"));
-
-        // Ec627Encode seals for the product number 627.
-        QByteArray out, tok;
-        QCOMPARE(se()->Ec627Encode("product body", out, tok), 0);
+        QCOMPARE(openMsg(4242, QByteArray(reinterpret_cast<char*>(token), 48), body), "login");
+        QCOMPARE(se()->Ec627Encode("product body", body, tok), 0); // sealed for product 627
         QCOMPARE(tok.size(), 48);
-        n = plain.size();
-        QCOMPARE(m_msgOpen(627, uc(tok), 48, uc(out), out.size(),
-                           reinterpret_cast<unsigned char*>(plain.data()), &n),
-                 0);
-        QCOMPARE(plain.left(n), QByteArray("product body"));
-
+        QCOMPARE(openMsg(627, tok, body), "product body");
         tokenLength = 128;
         QCOMPARE(se()->Ec627MsgEncodeToken(1, token, &tokenLength), 0);
         QCOMPARE(tokenLength, 48);
-    }
-
-    void m627RoundTrip()
-    {
         const QByteArray plain("uid=1&t=2&sign=abc");
-        QByteArray text, back;
-        QCOMPARE(se()->M627Encode(plain, text), 0);
-        QCOMPARE(se()->M627Decode(text, back), 0);
-        QCOMPARE(back, plain);
-        // Capacity is 10 x input: too small for the stand-in below 7 bytes.
-        QByteArray out("untouched");
-        QVERIFY(se()->M627Encode("short", out) != 0);
-        QVERIFY(se()->M627Encode(QByteArray(), out) != 0);
-        QCOMPARE(out, QByteArray("untouched"));
+        QCOMPARE(se()->M627Encode(plain, body), 0);
+        QCOMPARE(se()->M627Decode(body, tok), 0);
+        QCOMPARE(tok, plain);
     }
 
     void formSameSecondSameKey()
     {
         const qint64 t = 1700000000;
-        const QString a = get_m627_encode_at("uid=1", t);
-        const QString b = get_m627_encode_at("uid=1", t);
-        QVERIFY(a.startsWith("data=") && b.startsWith("data="));
-        bool ok = false;
-        QCOMPARE(openForm(a, t, &ok), QByteArray("uid=1"));
-        QVERIFY(ok);
-        QCOMPARE(openForm(b, t, &ok), QByteArray("uid=1"));
-        QVERIFY(ok);
-        openForm(a, t + 1, &ok); // another second, another key
-        QVERIFY(!ok);
+        QByteArray plain;
+        for (int i = 0; i < 2; ++i) {
+            const QString form = get_m627_encode_at("uid=1", t);
+            QVERIFY(form.startsWith("data=") && openForm(form, t, plain));
+            QCOMPARE(plain, QByteArray("uid=1"));
+            QVERIFY(!openForm(form, t + 1, plain)); // another second, another key
+        }
         QVERIFY(m_log.contains("init lib success!"));
-    }
-
-    void formPercentEncoding()
-    {
         // Cipher text is base64: "+", "/" and "=" must all come out percent-encoded.
         bool plus = false, slash = false, equals = false;
         const QRegularExpression allowed("^data=[A-Za-z0-9%]+$");
         for (int i = 0; i < 200 && !(plus && slash && equals); ++i) {
-            const QString form = get_m627_encode_at(QString(i % 3 + 1, 'p'), 1700000000 + i);
+            const QString form = get_m627_encode_at(QString(i % 3 + 1, 'p'), t + i);
             QVERIFY2(allowed.match(form).hasMatch(), qPrintable(form));
             plus |= form.contains("%2B");
             slash |= form.contains("%2F");
             equals |= form.contains("%3D");
         }
         QVERIFY(plus && slash && equals);
-    }
-
-    void formLengthBound()
-    {
         QVERIFY(!get_m627_encode_at(QString(245, 'x'), 1).isEmpty());
         QVERIFY(!m_log.contains("failed to encode"));
         QCOMPARE(get_m627_encode_at(QString(246, 'x'), 1), QString());
@@ -206,6 +200,143 @@ private slots:
             delete thread;
         }
         QCOMPARE(failures.loadRelaxed(), 0);
+    }
+
+    // Answers and notices that decode; an 8-byte response body is never decrypted.
+    void answers_data()
+    {
+        QTest::addColumn<QByteArray>("head");
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<QByteArray>("text");
+        QByteArray big;
+        auto* rng = QRandomGenerator::global();
+        for (int i = 0; i < 3000; ++i)
+            big += QByteArray(R"({"id":)") + QByteArray::number(rng->generate()) + R"(,"mt":138},)";
+        const auto row = [](const char* name, const char* magic, bool compressed,
+                            const QByteArray& text) {
+            const QByteArray body = seal(compressed ? pushwire::lz4Block(text) : text);
+            QTest::newRow(name) << rspHead(magic, 77, compressed, body.size()) << body << text;
+        };
+        row("plain response", "JOOS", false, R"({"a":1})");
+        row("plain push", "KOOS", false, R"({"mt":149})");
+        row("compressed short", "JOOS", true, "{}");
+        row("compressed big", "KOOS", true, big);
+        row("empty plain", "JOOS", false, QByteArray());
+        const QByteArray fixed(R"({"data":{"notice_id":"%llu","t":580001},"mt":50332160})");
+        QTest::newRow("notice 42")
+            << QByteArray("LOOS") << le32(42) + QByteArray("\1\2\3\4", 4)
+            << QByteArray(R"({"data":{"notice_id":"42","t":580001},"mt":50332160})");
+        QTest::newRow("notice max")
+            << QByteArray("LOOS") << le32(0xFFFFFFFF) + le32(0)
+            << QByteArray(R"({"data":{"notice_id":"4294967295","t":580001},"mt":50332160})");
+        QTest::newRow("8-byte response")
+            << rspHead("JOOS", 1, false, 8) << le32(42) + le32(0) << fixed;
+        QTest::newRow("8-byte compressed push")
+            << rspHead("KOOS", 1, true, 8) << QByteArray(8, '\xff') << fixed;
+    }
+    void answers()
+    {
+        QFETCH(QByteArray, head);
+        QFETCH(QByteArray, body);
+        QFETCH(QByteArray, text);
+        QByteArray out("old");
+        QCOMPARE(Msg_client::decode(head, body, out), 0);
+        QCOMPARE(out, text);
+        tagTRANSPORT_PKG_HEAD_RSP parsed;
+        if (head.size() == 16) {
+            QVERIFY(Msg_client::parseHead(head, parsed));
+            QCOMPARE(parsed.seq, quint32(head.at(4)));
+            QCOMPARE(parsed.compressed, quint8(head.at(8)));
+        }
+    }
+
+    void decodeFailures_data()
+    {
+        QTest::addColumn<QByteArray>("head");
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<QByteArray>("line");
+        const QByteArray body(50, 'x');
+        QTest::newRow("notice 7 bytes")
+            << QByteArray("LOOS") << QByteArray(7, 'n')
+            << QByteArray("decode get push notice data but in data len err [7], required len "
+                          "[8]magic_num [1397706572]");
+        QTest::newRow("4-byte head not a notice")
+            << QByteArray("JOOS") << QByteArray(8, 'n')
+            << QByteArray("in data len err [8], required len [8]magic_num [1397706570]");
+        QTest::newRow("request magic")
+            << rspHead("IOOS", 1, false, 50) << body
+            << QByteArray("head.magic_quote [1397706569] err, MAGIC_RSP [1397706570] MAGIC_PSH "
+                          "[1397706571]");
+        QTest::newRow("length one short")
+            << rspHead("JOOS", 1, false, 49) << body
+            << QByteArray("length err head.length = [49], in.length() = [50]");
+        QTest::newRow("head 15 bytes")
+            << rspHead("JOOS", 1, false, 50).left(15) << body
+            << QByteArray("length of headstring [15] not confirmed to sizeof(MSG_HEAD) [16]");
+        QTest::newRow("head empty")
+            << QByteArray() << body
+            << QByteArray("length of headstring [0] not confirmed to sizeof(MSG_HEAD) [16]");
+        QByteArray tampered = seal("hello world");
+        tampered[tampered.size() - 1] = char(tampered.at(tampered.size() - 1) ^ 1);
+        QTest::newRow("tampered") << rspHead("JOOS", 3, false, tampered.size()) << tampered
+                                  << QByteArray("ec627_decode fail");
+        const QByteArray truncated = seal("hello world").chopped(1);
+        QTest::newRow("truncated") << rspHead("JOOS", 3, true, truncated.size()) << truncated
+                                   << QByteArray("ec627_decode fail");
+    }
+    void decodeFailures()
+    {
+        QFETCH(QByteArray, head);
+        QFETCH(QByteArray, body);
+        QFETCH(QByteArray, line);
+        const bool debug = line == "ec627_decode fail"; // a debug line, not in the log
+        if (debug)
+            QTest::ignoreMessage(QtDebugMsg, line.constData());
+        QByteArray out("untouched");
+        QCOMPARE(Msg_client::decode(head, body, out), -1);
+        QCOMPARE(out, QByteArray("untouched"));
+        QVERIFY2(debug || m_log.contains(line), qPrintable(m_log.since()));
+    }
+
+    // A block that LZ4 rejects is not a failure: the text is what the decompressor left in the
+    // buffer before the error, up to the first NUL byte, and never more than the bound (the tail
+    // may hold bytes LZ4 copied before it noticed the error). A block that yields nothing is.
+    void corruptBlocks_data()
+    {
+        QTest::addColumn<QByteArray>("block");
+        QTest::addColumn<QByteArray>("text");
+        QTest::addColumn<bool>("exact");
+        QTest::newRow("garbage") << QByteArray(30, '\xff') << QByteArray() << true;
+        // A server may not rely on more than 16 * encrypted size + 1536 decompressed bytes.
+        // Many short sequences: the buffer fills up to near the bound before the one that does
+        // not fit.
+        QByteArray runs;
+        for (int i = 0; runs.size() < (1 << 20); ++i)
+            runs += QByteArray::number(i * 2654435761u, 36) + QByteArray(1000, 'a' + i % 26);
+        QTest::newRow("ratio above bound") << pushwire::lz4Block(runs) << runs << false;
+        const QByteArray withNul = QByteArray(600, 'b') + '\0' + QByteArray(1 << 20, 'c');
+        QTest::newRow("stops at NUL")
+            << pushwire::lz4Block(withNul) << QByteArray(600, 'b') << true;
+        QTest::newRow("decompresses to nothing") << QByteArray(1, '\0') << QByteArray() << true;
+    }
+    void corruptBlocks()
+    {
+        QFETCH(QByteArray, block);
+        QFETCH(QByteArray, text);
+        QFETCH(bool, exact);
+        const QByteArray body = seal(block);
+        const int bound = 16 * body.size() + 1536;
+        QByteArray out("untouched");
+        QCOMPARE(Msg_client::decode(rspHead("JOOS", 3, true, body.size()), body, out),
+                 block.size() == 1 ? -1 : 0);
+        if (exact) {
+            QCOMPARE(out, text);
+        } else {
+            QVERIFY2(out.size() <= bound && out.size() > bound - 2048,
+                     qPrintable(QString("%1 of %2").arg(out.size()).arg(bound)));
+            QVERIFY(!out.contains('\0'));
+            QVERIFY(out.startsWith(text.left(bound - 2048)));
+        }
     }
 };
 
