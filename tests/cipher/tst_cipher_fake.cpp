@@ -225,8 +225,8 @@ private slots:
         QCOMPARE(out, QByteArray("xyz"));
 
         m_reset();
-        QCOMPARE(get_m627_encode_at("a=1 b~", 1700000000),
-                 QString("data=k%3Db72e24b3e191c859cb59d906f01be284%26p%3Da%3D1%20b~"));
+        QCOMPARE(get_m627_encode_at("a=1 b~+/", 1700000000),
+                 QString("data=k%3Db72e24b3e191c859cb59d906f01be284%26p%3Da%3D1%20b~%2B%2F"));
         QCOMPARE(m_calls("m627_edinit"), 1);
         QCOMPARE(get_m627_encode_at(QString(), 1700000000),
                  QString("data=k%3Db72e24b3e191c859cb59d906f01be284%26p%3D"));

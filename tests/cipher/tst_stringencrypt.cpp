@@ -6,16 +6,12 @@
 #include "push/msg_client.h"
 #include "pushwire.h"
 
-#include <QLibrary>
 #include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QtTest>
+#include <memory>
 
 namespace {
-using MsgOpenFn = int (*)(unsigned int, const unsigned char*, int, const unsigned char*, int,
-                          unsigned char*, int*);
-using TextFn = int (*)(const unsigned char*, unsigned int, unsigned char*, unsigned int*,
-                       unsigned char*, unsigned char*);
 const auto uc = [](const QByteArray& b) {
     return reinterpret_cast<const unsigned char*>(b.data());
 };
@@ -40,57 +36,23 @@ QByteArray seal(const QByteArray& plain)
 class TstStringEncrypt : public QObject
 {
     Q_OBJECT
-    QLibrary m_lib{"ec627"};
-    MsgOpenFn m_msgOpen = nullptr;
-    TextFn m_textDecode = nullptr;
     LogCapture m_log;
 
     StringEncrypt* se() { return StringEncrypt::getInstance(); }
 
-    // Opens a form with the key of `seconds`; false on failure.
-    bool openForm(const QString& form, qint64 seconds, QByteArray& plain)
+    static QByteArray openMsg(unsigned int type, const QByteArray& token, const QByteArray& body)
     {
-        const QByteArray text = QByteArray::fromPercentEncoding(form.mid(5).toUtf8());
-        plain = QByteArray(text.size(), '\0');
-        unsigned int n = plain.size();
-        QByteArray k = m627KeyForTime(seconds).toUtf8();
-        unsigned char scratch[16] = {};
-        const bool ok =
-            m_textDecode(uc(text), text.size(), reinterpret_cast<unsigned char*>(plain.data()), &n,
-                         reinterpret_cast<unsigned char*>(k.data()), scratch) == 0;
-        plain.truncate(ok ? int(n) : 0);
-        return ok;
-    }
-    QByteArray openMsg(unsigned int type, const QByteArray& token, const QByteArray& body)
-    {
-        QByteArray plain(64, '\0');
-        int n = plain.size();
-        return m_msgOpen(type, uc(token), token.size(), uc(body), body.size(),
-                         reinterpret_cast<unsigned char*>(plain.data()), &n) == 0
-                   ? plain.left(n)
-                   : QByteArray("(failed)");
+        QByteArray plain;
+        return pushwire::openLoginBody(type, token, body, plain) ? plain : "(failed)";
     }
 
 private slots:
     void initTestCase()
     {
-        QVERIFY2(m_lib.load(), qPrintable(m_lib.errorString()));
-        m_msgOpen = reinterpret_cast<MsgOpenFn>(m_lib.resolve("ec627_msg_decode"));
-        m_textDecode = reinterpret_cast<TextFn>(m_lib.resolve("m627_decode"));
-        QVERIFY(m_msgOpen && m_textDecode);
         m_log.start(-1); // negative: level-0 lines too
         QCOMPARE(Msg_client::init(), 0);
     }
     void init() { m_log.mark(); }
-
-    void tokenText()
-    {
-        QVERIFY(QRegularExpression("^627-[0-9a-f]{32}$").match(se()->token()).hasMatch());
-        const QString first = se()->token();
-        se()->Init(); // a fresh token each time
-        QVERIFY(se()->token() != first);
-        QVERIFY(!m_log.contains("failed"));
-    }
 
     void dataRoundTrip_data()
     {
@@ -131,6 +93,11 @@ private slots:
 
     void messageSeals()
     {
+        QVERIFY(QRegularExpression("^627-[0-9a-f]{32}$").match(se()->token()).hasMatch());
+        const QString first = se()->token();
+        se()->Init(); // a fresh token each time
+        QVERIFY(se()->token() != first);
+        QVERIFY(!m_log.contains("failed"));
         unsigned char token[128] = {};
         int tokenLength = 128;
         QByteArray body, tok;
@@ -149,29 +116,11 @@ private slots:
         QCOMPARE(tok, plain);
     }
 
-    void formSameSecondSameKey()
+    // Cipher text is base64, a third longer than the plain text: 245 characters still fit.
+    void formLengthBound()
     {
-        const qint64 t = 1700000000;
-        QByteArray plain;
-        for (int i = 0; i < 2; ++i) {
-            const QString form = get_m627_encode_at("uid=1", t);
-            QVERIFY(form.startsWith("data=") && openForm(form, t, plain));
-            QCOMPARE(plain, QByteArray("uid=1"));
-            QVERIFY(!openForm(form, t + 1, plain)); // another second, another key
-        }
+        QVERIFY(get_m627_encode_at(QString(245, 'x'), 1).startsWith("data="));
         QVERIFY(m_log.contains("init lib success!"));
-        // Cipher text is base64: "+", "/" and "=" must all come out percent-encoded.
-        bool plus = false, slash = false, equals = false;
-        const QRegularExpression allowed("^data=[A-Za-z0-9%]+$");
-        for (int i = 0; i < 200 && !(plus && slash && equals); ++i) {
-            const QString form = get_m627_encode_at(QString(i % 3 + 1, 'p'), t + i);
-            QVERIFY2(allowed.match(form).hasMatch(), qPrintable(form));
-            plus |= form.contains("%2B");
-            slash |= form.contains("%2F");
-            equals |= form.contains("%3D");
-        }
-        QVERIFY(plus && slash && equals);
-        QVERIFY(!get_m627_encode_at(QString(245, 'x'), 1).isEmpty());
         QVERIFY(!m_log.contains("failed to encode"));
         QCOMPARE(get_m627_encode_at(QString(246, 'x'), 1), QString());
         QVERIFY(m_log.contains("failed to encode"));
@@ -180,68 +129,92 @@ private slots:
     void concurrentCallsAreSerialised()
     {
         // Four threads sealing and opening at once through the one instance.
-        QList<QThread*> threads;
         QAtomicInt failures = 0;
+        std::vector<std::unique_ptr<QThread>> threads;
         for (int t = 0; t < 4; ++t) {
-            threads << QThread::create([&failures, t] {
+            threads.emplace_back(QThread::create([&failures, t] {
                 for (int i = 0; i < 200; ++i) {
                     const QByteArray plain = QByteArray::number(t * 1000 + i);
                     QByteArray sealed, opened;
-                    if (StringEncrypt::getInstance()->Ec627EncodeData(plain, sealed) != 0 ||
-                        StringEncrypt::getInstance()->Ec627Decode(sealed, opened) != 0 ||
+                    StringEncrypt* s = StringEncrypt::getInstance();
+                    if (s->Ec627EncodeData(plain, sealed) || s->Ec627Decode(sealed, opened) ||
                         opened != plain)
                         failures.ref();
                 }
-            });
-            threads.last()->start();
+            }));
+            threads.back()->start();
         }
-        for (QThread* thread : threads) {
+        for (const auto& thread : threads)
             QVERIFY(thread->wait(20000));
-            delete thread;
-        }
         QCOMPARE(failures.loadRelaxed(), 0);
     }
 
-    // Answers and notices that decode; an 8-byte response body is never decrypted.
+    // Answers and notices that decode; an 8-byte response body is never decrypted. A block that
+    // LZ4 rejects is no failure: the text is what the decompressor left in the buffer before the
+    // error, up to the first NUL byte, and never more than the bound 16 * encrypted size + 1536
+    // (the tail may hold bytes LZ4 copied before it noticed the error). A block that yields
+    // nothing is a failure.
     void answers_data()
     {
         QTest::addColumn<QByteArray>("head");
         QTest::addColumn<QByteArray>("body");
         QTest::addColumn<QByteArray>("text");
-        QByteArray big;
-        auto* rng = QRandomGenerator::global();
-        for (int i = 0; i < 3000; ++i)
-            big += QByteArray(R"({"id":)") + QByteArray::number(rng->generate()) + R"(,"mt":138},)";
+        QTest::addColumn<int>("result");
         const auto row = [](const char* name, const char* magic, bool compressed,
-                            const QByteArray& text) {
-            const QByteArray body = seal(compressed ? pushwire::lz4Block(text) : text);
-            QTest::newRow(name) << rspHead(magic, 77, compressed, body.size()) << body << text;
+                            const QByteArray& block, const QByteArray& text, int result = 0) {
+            const QByteArray body = seal(block);
+            QTest::newRow(name) << rspHead(magic, 77, compressed, body.size()) << body << text
+                                << result;
         };
-        row("plain response", "JOOS", false, R"({"a":1})");
-        row("plain push", "KOOS", false, R"({"mt":149})");
-        row("compressed short", "JOOS", true, "{}");
-        row("compressed big", "KOOS", true, big);
-        row("empty plain", "JOOS", false, QByteArray());
+        const auto lz4 = pushwire::lz4Block;
+        QByteArray big;
+        for (int i = 0; i < 3000; ++i)
+            big += R"({"id":)" + QByteArray::number(QRandomGenerator::global()->generate()) +
+                   R"(,"mt":138},)";
+        row("plain response", "JOOS", false, R"({"a":1})", R"({"a":1})");
+        row("plain push", "KOOS", false, R"({"mt":149})", R"({"mt":149})");
+        row("compressed short", "JOOS", true, lz4("{}"), "{}");
+        row("compressed big", "KOOS", true, lz4(big), big);
+        row("empty plain", "JOOS", false, QByteArray(), QByteArray());
+        row("garbage block", "JOOS", true, QByteArray(30, '\xff'), QByteArray());
+        const QByteArray withNul = QByteArray(600, 'b') + '\0' + QByteArray(1 << 20, 'c');
+        row("stops at NUL", "JOOS", true, lz4(withNul), QByteArray(600, 'b'));
+        row("decompresses to nothing", "JOOS", true, QByteArray(1, '\0'), QByteArray(), -1);
+        // Many short sequences: the buffer fills up to near the bound before the one that does
+        // not fit (text marked by a leading '~': checked against the bound).
+        QByteArray runs = "~";
+        for (int i = 0; runs.size() < (1 << 20); ++i)
+            runs += QByteArray::number(i * 2654435761u, 36) + QByteArray(1000, 'a' + i % 26);
+        row("ratio above bound", "JOOS", true, lz4(runs.mid(1)), runs);
         const QByteArray fixed(R"({"data":{"notice_id":"%llu","t":580001},"mt":50332160})");
         QTest::newRow("notice 42")
             << QByteArray("LOOS") << le32(42) + QByteArray("\1\2\3\4", 4)
-            << QByteArray(R"({"data":{"notice_id":"42","t":580001},"mt":50332160})");
+            << QByteArray(R"({"data":{"notice_id":"42","t":580001},"mt":50332160})") << 0;
         QTest::newRow("notice max")
             << QByteArray("LOOS") << le32(0xFFFFFFFF) + le32(0)
-            << QByteArray(R"({"data":{"notice_id":"4294967295","t":580001},"mt":50332160})");
+            << QByteArray(R"({"data":{"notice_id":"4294967295","t":580001},"mt":50332160})") << 0;
         QTest::newRow("8-byte response")
-            << rspHead("JOOS", 1, false, 8) << le32(42) + le32(0) << fixed;
+            << rspHead("JOOS", 1, false, 8) << le32(42) + le32(0) << fixed << 0;
         QTest::newRow("8-byte compressed push")
-            << rspHead("KOOS", 1, true, 8) << QByteArray(8, '\xff') << fixed;
+            << rspHead("KOOS", 1, true, 8) << QByteArray(8, '\xff') << fixed << 0;
     }
     void answers()
     {
         QFETCH(QByteArray, head);
         QFETCH(QByteArray, body);
         QFETCH(QByteArray, text);
+        QFETCH(int, result);
         QByteArray out("old");
-        QCOMPARE(Msg_client::decode(head, body, out), 0);
-        QCOMPARE(out, text);
+        QCOMPARE(Msg_client::decode(head, body, out), result);
+        if (text.startsWith('~')) {
+            const int bound = 16 * body.size() + 1536;
+            QVERIFY2(out.size() <= bound && out.size() > bound - 2048,
+                     qPrintable(QString("%1 of %2").arg(out.size()).arg(bound)));
+            QVERIFY(!out.contains('\0'));
+            QVERIFY(out.startsWith(text.mid(1, bound - 2048)));
+        } else {
+            QCOMPARE(out, text);
+        }
         tagTRANSPORT_PKG_HEAD_RSP parsed;
         if (head.size() == 16) {
             QVERIFY(Msg_client::parseHead(head, parsed));
@@ -273,9 +246,6 @@ private slots:
         QTest::newRow("head 15 bytes")
             << rspHead("JOOS", 1, false, 50).left(15) << body
             << QByteArray("length of headstring [15] not confirmed to sizeof(MSG_HEAD) [16]");
-        QTest::newRow("head empty")
-            << QByteArray() << body
-            << QByteArray("length of headstring [0] not confirmed to sizeof(MSG_HEAD) [16]");
         QByteArray tampered = seal("hello world");
         tampered[tampered.size() - 1] = char(tampered.at(tampered.size() - 1) ^ 1);
         QTest::newRow("tampered") << rspHead("JOOS", 3, false, tampered.size()) << tampered
@@ -296,47 +266,6 @@ private slots:
         QCOMPARE(Msg_client::decode(head, body, out), -1);
         QCOMPARE(out, QByteArray("untouched"));
         QVERIFY2(debug || m_log.contains(line), qPrintable(m_log.since()));
-    }
-
-    // A block that LZ4 rejects is not a failure: the text is what the decompressor left in the
-    // buffer before the error, up to the first NUL byte, and never more than the bound (the tail
-    // may hold bytes LZ4 copied before it noticed the error). A block that yields nothing is.
-    void corruptBlocks_data()
-    {
-        QTest::addColumn<QByteArray>("block");
-        QTest::addColumn<QByteArray>("text");
-        QTest::addColumn<bool>("exact");
-        QTest::newRow("garbage") << QByteArray(30, '\xff') << QByteArray() << true;
-        // A server may not rely on more than 16 * encrypted size + 1536 decompressed bytes.
-        // Many short sequences: the buffer fills up to near the bound before the one that does
-        // not fit.
-        QByteArray runs;
-        for (int i = 0; runs.size() < (1 << 20); ++i)
-            runs += QByteArray::number(i * 2654435761u, 36) + QByteArray(1000, 'a' + i % 26);
-        QTest::newRow("ratio above bound") << pushwire::lz4Block(runs) << runs << false;
-        const QByteArray withNul = QByteArray(600, 'b') + '\0' + QByteArray(1 << 20, 'c');
-        QTest::newRow("stops at NUL")
-            << pushwire::lz4Block(withNul) << QByteArray(600, 'b') << true;
-        QTest::newRow("decompresses to nothing") << QByteArray(1, '\0') << QByteArray() << true;
-    }
-    void corruptBlocks()
-    {
-        QFETCH(QByteArray, block);
-        QFETCH(QByteArray, text);
-        QFETCH(bool, exact);
-        const QByteArray body = seal(block);
-        const int bound = 16 * body.size() + 1536;
-        QByteArray out("untouched");
-        QCOMPARE(Msg_client::decode(rspHead("JOOS", 3, true, body.size()), body, out),
-                 block.size() == 1 ? -1 : 0);
-        if (exact) {
-            QCOMPARE(out, text);
-        } else {
-            QVERIFY2(out.size() <= bound && out.size() > bound - 2048,
-                     qPrintable(QString("%1 of %2").arg(out.size()).arg(bound)));
-            QVERIFY(!out.contains('\0'));
-            QVERIFY(out.startsWith(text.left(bound - 2048)));
-        }
     }
 };
 

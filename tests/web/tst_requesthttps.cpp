@@ -37,40 +37,6 @@ private slots:
             QVERIFY(m_http.listen(0));
         m_http.route("/echo", [](const HttpStubRequest&) { return HttpStubResponse::json("{}"); });
     }
-    void requestHeaders_data()
-    {
-        QTest::addColumn<int>("method");
-        QTest::addColumn<QString>("callerType");
-        QTest::addColumn<QByteArray>("expectedMethod");
-        QTest::addColumn<QByteArray>("expectedType");
-        const QByteArray form = "application/x-www-form-urlencoded;charset=UTF-8";
-        QTest::newRow("post default type") << 1 << QString() << QByteArray("POST") << form;
-        QTest::newRow("post keeps caller type")
-            << 1 << "application/json" << QByteArray("POST") << QByteArray("application/json");
-        QTest::newRow("get has none") << 0 << QString() << QByteArray("GET") << QByteArray();
-        QTest::newRow("delete has none") << 4 << QString() << QByteArray("DELETE") << QByteArray();
-        QTest::newRow("head has none") << 3 << QString() << QByteArray("HEAD") << QByteArray();
-    }
-    void requestHeaders()
-    {
-        QFETCH(int, method);
-        QFETCH(QString, callerType);
-        QFETCH(QByteArray, expectedMethod);
-        QFETCH(QByteArray, expectedType);
-        QMap<QString, QString> headers{{"User-Agent", "caller-agent"}, {"X-Extra", "extra-value"}};
-        if (!callerType.isEmpty())
-            headers["Content-Type"] = callerType;
-        CRequestHttps request;
-        QByteArray reply;
-        QCOMPARE(request.SendRequest(url("/echo"), method, headers, "body=1", reply), 0);
-        const QList<HttpStubRequest> seen = m_http.requests();
-        QCOMPARE(seen.size(), 1);
-        QCOMPARE(seen[0].method, expectedMethod);
-        QCOMPARE(seen[0].header("content-type"), expectedType);
-        QCOMPARE(seen[0].header("user-agent"), QByteArray(kUserAgent));
-        QCOMPARE(seen[0].header("x-extra"), QByteArray("extra-value"));
-        QCOMPARE(seen[0].body, method == 1 ? QByteArray("body=1") : QByteArray());
-    }
     void configUrl_data()
     {
         QTest::addColumn<int>("setting");
@@ -105,25 +71,39 @@ private slots:
     void replies_data()
     {
         QTest::addColumn<int>("method");
+        QTest::addColumn<QString>("callerType");
         QTest::addColumn<int>("status");
         QTest::addColumn<QByteArray>("body");
         QTest::addColumn<int>("expectedResult");
         QTest::addColumn<int>("expectedRequests");
-        QTest::newRow("200 with body") << 0 << 200 << QByteArray("{\"state\":1}") << 0 << 1;
-        QTest::newRow("404 page") << 0 << 404 << QByteArray("no such page") << -1 << 1;
-        QTest::newRow("204 no content") << 1 << 204 << QByteArray() << -1 << 1;
-        QTest::newRow("redirect followed") << 1 << 302 << QByteArray("{}") << 0 << 2;
-        QTest::newRow("dropped (GET may be retried)") << 0 << 0 << QByteArray() << -1 << -1;
-        QTest::newRow("refused") << 1 << 1 << QByteArray("refused") << -1 << 0;
-        QTest::newRow("method 2 makes no request") << 2 << 200 << QByteArray() << -1 << 0;
+        QTest::addColumn<QByteArray>("expectedType");
+        const QByteArray form = "application/x-www-form-urlencoded;charset=UTF-8";
+        const QByteArray none;
+        QTest::newRow("GET 200") << 0 << QString() << 200 << QByteArray("{\"state\":1}") << 0 << 1
+                                 << none;
+        QTest::newRow("POST 404, default type")
+            << 1 << QString() << 404 << QByteArray("no such page") << -1 << 1 << form;
+        QTest::newRow("POST 204, caller type")
+            << 1 << "application/json" << 204 << none << -1 << 1 << QByteArray("application/json");
+        QTest::newRow("DELETE") << 4 << QString() << 200 << QByteArray("{}") << 0 << 1 << none;
+        QTest::newRow("HEAD") << 3 << QString() << 200 << none << 0 << 1 << none;
+        QTest::newRow("redirect followed")
+            << 1 << QString() << 302 << QByteArray("{}") << 0 << 2 << form;
+        QTest::newRow("dropped (GET may be retried)")
+            << 0 << QString() << 0 << none << -1 << -1 << none;
+        QTest::newRow("refused") << 1 << QString() << 1 << QByteArray("refused") << -1 << 0 << none;
+        QTest::newRow("method 2 makes no request")
+            << 2 << QString() << 200 << none << -1 << 0 << none;
     }
     void replies()
     {
         QFETCH(int, method);
+        QFETCH(QString, callerType);
         QFETCH(int, status);
         QFETCH(QByteArray, body);
         QFETCH(int, expectedResult);
         QFETCH(int, expectedRequests);
+        QFETCH(QByteArray, expectedType);
         m_http.route("/r", [=](const HttpStubRequest&) {
             HttpStubResponse r{status, status == 302 ? QByteArray() : body, {}, 0, status == 0};
             if (status == 302)
@@ -136,18 +116,28 @@ private slots:
             QVERIFY(closed.listen(QHostAddress::LocalHost, 0));
             target = QString("http://127.0.0.1:%1/r").arg(closed.serverPort());
         }
+        QMap<QString, QString> headers{{"User-Agent", "caller-agent"}, {"X-Extra", "extra-value"}};
+        if (!callerType.isEmpty())
+            headers["Content-Type"] = callerType;
         CRequestHttps request;
         QByteArray reply = "stale";
-        QCOMPARE(request.SendRequest(target, method, {}, {}, reply), expectedResult);
-        const int made = m_http.requests().size();
-        QVERIFY(expectedRequests < 0 || made == expectedRequests);
+        QCOMPARE(request.SendRequest(target, method, headers, "body=1", reply), expectedResult);
+        const QList<HttpStubRequest> seen = m_http.requests();
+        QVERIFY(expectedRequests < 0 || seen.size() == expectedRequests);
         if (status <= 1) // the error text of the transport
             QVERIFY2(reply != "stale" && reply.contains(body), reply.constData());
         else if (method != 2)
             QCOMPARE(reply, body);
+        if (!seen.isEmpty()) {
+            QCOMPARE(seen[0].method, QByteArrayList({"GET", "POST", "", "HEAD", "DELETE"})[method]);
+            QCOMPARE(seen[0].header("content-type"), expectedType);
+            QCOMPARE(seen[0].header("user-agent"), QByteArray(kUserAgent));
+            QCOMPARE(seen[0].header("x-extra"), QByteArray("extra-value"));
+            QCOMPARE(seen[0].body, method == 1 ? QByteArray("body=1") : QByteArray());
+        }
         // The six-argument overload has no HEAD either.
         QCOMPARE(request.SendRequest(url("/echo"), 3, {}, {}, reply, nullptr), -1);
-        QCOMPARE(m_http.requests().size(), made);
+        QCOMPARE(m_http.requests().size(), seen.size());
     }
     void oneObjectServesTwoCallsAfterAnError()
     {
