@@ -1,8 +1,6 @@
-// The binding and the push codec against a fake libec627 whose behaviour FAKE_EC627_MODE chooses
-// (see fake_ec627.cpp) and, as tst_cipher_nolib, with no cipher library at all (the library is
-// loaded once per process). The fake's bodies are plain ("MSG:"/"ENC:" + input) and its token a
-// fixed pattern, so whole frames are compared byte for byte. Functions named noLib* run only
-// without the library, failures in both situations, the rest only with the fake.
+// The binding and the push codec against the fake libec627 (modes: see fake_ec627.cpp) whose
+// plain bodies and fixed token let whole frames be compared byte for byte, and, run as
+// tst_cipher_nolib, without any library: noLib* functions run only there, failures in both.
 #include "cipher/stringencrypt.h"
 #include "logcapture.h"
 #include "push/msg_client.h"
@@ -10,6 +8,7 @@
 #include <QLibrary>
 #include <QtTest>
 #include <functional>
+#include <numeric>
 
 class TstCipherFake : public QObject
 {
@@ -134,9 +133,8 @@ private slots:
         QCOMPARE(Msg_client::first_req_encode(0x107, 0x1122334455667788ul, 0xA1B2C3D4u, 5, 9,
                                               QString::fromUtf8("h\xc3\xa9"), out),
                  0);
-        QByteArray token;
-        for (int i = 1; i <= 48; ++i)
-            token += char(i);
+        QByteArray token(48, '\0');
+        std::iota(token.begin(), token.end(), 1);
         const QByteArray expected = QByteArray("HOOS\x01\x00\x07\x00", 8) +
                                     QByteArray("\x88\x77\x66\x55\x44\x33\x22\x11", 8) +
                                     QByteArray("\xD4\xC3\xB2\xA1\x05\x00\x00\x00", 8) + token +

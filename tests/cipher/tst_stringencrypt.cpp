@@ -9,7 +9,6 @@
 #include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QtTest>
-#include <memory>
 
 namespace {
 const auto uc = [](const QByteArray& b) {
@@ -124,29 +123,6 @@ private slots:
         QVERIFY(!m_log.contains("failed to encode"));
         QCOMPARE(get_m627_encode_at(QString(246, 'x'), 1), QString());
         QVERIFY(m_log.contains("failed to encode"));
-    }
-
-    void concurrentCallsAreSerialised()
-    {
-        // Four threads sealing and opening at once through the one instance.
-        QAtomicInt failures = 0;
-        std::vector<std::unique_ptr<QThread>> threads;
-        for (int t = 0; t < 4; ++t) {
-            threads.emplace_back(QThread::create([&failures, t] {
-                for (int i = 0; i < 200; ++i) {
-                    const QByteArray plain = QByteArray::number(t * 1000 + i);
-                    QByteArray sealed, opened;
-                    StringEncrypt* s = StringEncrypt::getInstance();
-                    if (s->Ec627EncodeData(plain, sealed) || s->Ec627Decode(sealed, opened) ||
-                        opened != plain)
-                        failures.ref();
-                }
-            }));
-            threads.back()->start();
-        }
-        for (const auto& thread : threads)
-            QVERIFY(thread->wait(20000));
-        QCOMPARE(failures.loadRelaxed(), 0);
     }
 
     // Answers and notices that decode; an 8-byte response body is never decrypted. A block that
