@@ -1,15 +1,13 @@
-// Failure-injection library with the thirteen ec627 entry points (lib/fake-ec627/libec627.so).
-// FAKE_EC627_MODE, read on every call, selects the behaviour:
-//   ""/"ok"    bodies are "ENC:"/"MSG:" + input, tokens fixed patterns; "fail" every call
-//   returns 7 (ec627_encode_token 0: no token); "initfail" both inits return 1; "token47"
-//   ec627_msg_encode writes a 47-byte token; "shortlen" ec627_encode_len is -1; "negative" both
-//   length calls return -600; "overlong" encoders report 100 bytes beyond their capacity; "fill"
-//   m627_encode fills its buffer with 'A' and no terminator.
-// With FAKE_EC627_REAL naming a real library file, every entry point forwards to it except the
-// one named by FAKE_EC627_FAIL, which fails (-1; ec627_encode_token 0). FAKE_EC627_FAIL=
-// token_length makes ec627_msg_encode hand back a 47-byte token. The real daemon can so talk to
-// a real push server with one entry point broken.
-// Test exports: fake_ec627_calls(name), fake_ec627_reset(), fake_ec627_last_key().
+// Failure-injection library with the thirteen ec627 entry points (lib/fake-ec627/libec627.so),
+// exporting fake_ec627_calls(name), fake_ec627_reset() and fake_ec627_last_key() for the tests.
+// FAKE_EC627_MODE, read on every call: ""/"ok" bodies "ENC:"/"MSG:" + input, fixed tokens;
+// "fail" every call returns 7 (ec627_encode_token 0: no token); "initfail" both inits return 1;
+// "token47" ec627_msg_encode writes a 47-byte token; "shortlen" ec627_encode_len is -1;
+// "negative" both lengths are -600; "overlong" encoders report 100 bytes beyond the capacity;
+// "fill" m627_encode fills its buffer with 'A' and no terminator.
+// With FAKE_EC627_REAL naming a real library file every entry point forwards to it, except the
+// one named by FAKE_EC627_FAIL, which fails (-1; ec627_encode_token 0), so that the real daemon
+// meets a broken entry point; FAKE_EC627_FAIL=token_length gives a 47-byte message token.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,10 +23,15 @@ std::mutex g_mutex;
 std::map<std::string, int> g_calls;
 std::string g_lastKey;
 
-bool is(const char* mode)
+const char* env(const char* name)
 {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): the environment is never written while tests run
-    const char* m = std::getenv("FAKE_EC627_MODE");
+    return std::getenv(name);
+}
+
+bool is(const char* mode)
+{
+    const char* m = env("FAKE_EC627_MODE");
     return std::strcmp(m ? m : "", mode) == 0;
 }
 
@@ -63,7 +66,7 @@ void* real(const char* name)
         ++g_calls[name];
     }
     static void* handle = [] {
-        const char* path = std::getenv("FAKE_EC627_REAL");
+        const char* path = env("FAKE_EC627_REAL");
         return path && *path ? dlopen(path, RTLD_NOW | RTLD_LOCAL) : nullptr;
     }();
     return handle ? dlsym(handle, name) : nullptr;
@@ -71,7 +74,7 @@ void* real(const char* name)
 
 bool failing(const char* name)
 {
-    const char* f = std::getenv("FAKE_EC627_FAIL");
+    const char* f = env("FAKE_EC627_FAIL");
     if (!f || std::strcmp(f, name) != 0)
         return false;
     std::fprintf(stderr, "fake_ec627: %s fails\n", name); // shows that the switch took effect

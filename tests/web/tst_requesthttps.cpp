@@ -24,7 +24,7 @@ class TestRequestHttps : public QObject
 {
     Q_OBJECT
     HttpStub m_http;
-    QString url(const char* path) const { return m_http.baseUrl() + path; }
+    QString local(const char* path) const { return m_http.baseUrl() + path; }
 
 private slots:
     void init()
@@ -78,7 +78,7 @@ private slots:
         QTest::addColumn<int>("expectedRequests");
         QTest::addColumn<QByteArray>("expectedType");
         const QByteArray form = "application/x-www-form-urlencoded;charset=UTF-8";
-        const QByteArray none;
+        const QByteArray none("");
         QTest::newRow("GET 200") << 0 << QString() << 200 << QByteArray("{\"state\":1}") << 0 << 1
                                  << none;
         QTest::newRow("POST 404, default type")
@@ -110,7 +110,7 @@ private slots:
                 r.headers.append(qMakePair(QByteArray("Location"), QByteArray("/echo")));
             return r;
         });
-        QString target = url("/r");
+        QString target = local("/r");
         if (status == 1) {
             QTcpServer closed;
             QVERIFY(closed.listen(QHostAddress::LocalHost, 0));
@@ -136,7 +136,7 @@ private slots:
             QCOMPARE(seen[0].body, method == 1 ? QByteArray("body=1") : QByteArray());
         }
         // The six-argument overload has no HEAD either.
-        QCOMPARE(request.SendRequest(url("/echo"), 3, {}, {}, reply, nullptr), -1);
+        QCOMPARE(request.SendRequest(local("/echo"), 3, {}, {}, reply, nullptr), -1);
         QCOMPARE(m_http.requests().size(), seen.size());
     }
     void oneObjectServesTwoCallsAfterAnError()
@@ -148,8 +148,8 @@ private slots:
         });
         CRequestHttps request;
         QByteArray reply;
-        QCOMPARE(request.SendRequest(url("/missing"), 0, {}, {}, reply), -1);
-        QCOMPARE(request.SendRequest(url("/slow"), 1, {}, {}, reply), 0);
+        QCOMPARE(request.SendRequest(local("/missing"), 0, {}, {}, reply), -1);
+        QCOMPARE(request.SendRequest(local("/slow"), 1, {}, {}, reply), 0);
         QCOMPARE(reply, QByteArray("slow answer"));
     }
     void setCookieValue_data()
@@ -212,7 +212,7 @@ private slots:
         });
         CRequestHttps request;
         QByteArray reply;
-        QCOMPARE(request.SendRequest(url("/login"), 0, {}, {}, reply), 0);
+        QCOMPARE(request.SendRequest(local("/login"), 0, {}, {}, reply), 0);
         CLoginInfor info;
         DataCenter::getInstance()->GetLoginInfor(info);
         QCOMPARE(info.cookies.value("cookie"), expectedCookie);
@@ -244,7 +244,7 @@ private slots:
         QMap<QString, QString> parts{{"b", "two"}, {"a", "one"}};
         CRequestHttps request;
         QByteArray reply;
-        QCOMPARE(request.SendRequest(url("/echo"), 1, {}, "ignored", reply, &parts), 0);
+        QCOMPARE(request.SendRequest(local("/echo"), 1, {}, "ignored", reply, &parts), 0);
         const HttpStubRequest seen = m_http.requests().at(0);
         QVERIFY(seen.header("content-type").startsWith("multipart/form-data"));
         const int a = seen.body.indexOf("form-data; name=\"a\"");
