@@ -173,8 +173,8 @@ void tst_EndToEnd::refusedConnections_backOffLongerEachTime_thenRecover()
     QVERIFY2(h.waitSandbox("push  #4 client disconnected", 1, 25000), "fewer than 3 new attempts");
     QVERIFY(h.ctl("push mode=normal"));
     QVERIFY2(h.waitLog(kRunning, 2, 25000), "the daemon did not recover after the refusals");
-    QVERIFY(h.sandboxLine("push  #5 HOOS login ") >= 0);
-    QVERIFY(h.sandboxLine("push  #5 IOOS request#0 ") >= 0);
+    QVERIFY(h.sandboxLine("push  #5 HOOS login ") >= 0 &&
+            h.sandboxLine("push  #5 IOOS request#0 ") >= 0);
     QCOMPARE(h.sandboxLine("push  #4 HOOS login "), -1);
     QVERIFY(h.sandboxCount(kStatusCheck) >= 4);
 
@@ -216,15 +216,14 @@ void tst_EndToEnd::refusedConnections_backOffLongerEachTime_thenRecover()
 void tst_EndToEnd::mainAppStandIn_startsTheDaemonAndEndsIt()
 {
     const QString lockFile = h.lockFile();
-    m_mainApp.setProgram(kBinDir + "/d627-mainapp");
-    m_mainApp.setArguments({"--daemon", kBinDir + "/d627", "--tmpdir", h.tmp(), "--lockfile",
-                            h.dir() + "/standin.lock", "--user-id", kUserId, "--cookie", kCookie,
-                            "--user-agent", kUserAgent, "--loglevel", "1"});
     m_mainApp.setProcessEnvironment(h.env());
     // A file, not a pipe: the daemon inherits this output and outlives the stand-in.
     m_mainApp.setProcessChannelMode(QProcess::MergedChannels);
     m_mainApp.setStandardOutputFile(h.dir() + "/mainapp.out");
-    m_mainApp.start();
+    m_mainApp.start(kBinDir + "/d627-mainapp",
+                    {"--daemon", kBinDir + "/d627", "--tmpdir", h.tmp(), "--lockfile",
+                     h.dir() + "/standin.lock", "--user-id", kUserId, "--cookie", kCookie,
+                     "--user-agent", kUserAgent, "--loglevel", "1"});
     QVERIFY(m_mainApp.waitForStarted(5000));
     QVERIFY2(waitFor([&] { return mainAppOutput().contains("mainapp: connected to the daemon"); },
                      10000),
@@ -232,9 +231,7 @@ void tst_EndToEnd::mainAppStandIn_startsTheDaemonAndEndsIt()
     QVERIFY(mainAppOutput().contains("no daemon answers; starting"));
 
     QVERIFY(waitFor([&] { return QFile(lockFile).size() > 0; }, 3000));
-    QFile lock(lockFile);
-    QVERIFY(lock.open(QIODevice::ReadOnly));
-    m_detachedDaemon = pid_t(lock.readLine().trimmed().toInt());
+    m_detachedDaemon = pid_t(readFile(lockFile).split('\n').value(0).trimmed().toInt());
     QVERIFY(m_detachedDaemon > 0);
     QVERIFY(m_detachedDaemon != pid_t(m_mainApp.processId()));
 
