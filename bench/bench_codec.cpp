@@ -77,6 +77,7 @@ void login_ours(benchmark::State& state)
     Msg_client::init();
     const QString text = QString::fromUtf8(messageText(int(state.range(0))));
     QByteArray out;
+    // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): the loop variable is unused by design
     for (auto _ : state) {
         if (Msg_client::first_req_encode(7, 123456789, 4242, 1, 0, text, out) != 0)
             state.SkipWithError("encode failed");
@@ -90,6 +91,7 @@ void login_floor(benchmark::State& state)
     const QByteArray plain = plainBody(0, messageText(int(state.range(0))));
     std::vector<unsigned char> out(size_t(plain.size()) + 64);
     unsigned char token[128];
+    // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): the loop variable is unused by design
     for (auto _ : state) {
         int length = int(out.size());
         int tokenLength = sizeof token;
@@ -106,6 +108,7 @@ void request_ours(benchmark::State& state)
     Msg_client::init();
     const QString text = QString::fromUtf8(messageText(int(state.range(0))));
     QByteArray out;
+    // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): the loop variable is unused by design
     for (auto _ : state) {
         if (Msg_client::normal_req_encode(2, 16781314, text, out) != 0)
             state.SkipWithError("encode failed");
@@ -118,6 +121,7 @@ void request_floor(benchmark::State& state)
 {
     const QByteArray plain = plainBody(16781314, messageText(int(state.range(0))));
     std::vector<unsigned char> out(size_t(plain.size()) + 64);
+    // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): the loop variable is unused by design
     for (auto _ : state) {
         int length = int(out.size());
         if (ec627_encode_data(bytes(plain), plain.size(), out.data(), &length) != 0)
@@ -134,6 +138,7 @@ void decodeOurs(benchmark::State& state, bool compressed)
     QByteArray head;
     const QByteArray body = sealedAnswer(text, compressed, head);
     QByteArray out;
+    // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): the loop variable is unused by design
     for (auto _ : state) {
         if (Msg_client::decode(head, body, out) != 0 || out.size() != text.size())
             state.SkipWithError("decode failed");
@@ -149,6 +154,7 @@ void decodeFloor(benchmark::State& state, bool compressed)
     const QByteArray body = sealedAnswer(text, compressed, head);
     std::vector<char> plain(size_t(body.size()));
     std::vector<char> out(size_t(text.size()));
+    // NOLINTNEXTLINE(clang-analyzer-deadcode.DeadStores): the loop variable is unused by design
     for (auto _ : state) {
         int length = int(plain.size());
         if (ec627_decode(bytes(body), body.size(), reinterpret_cast<unsigned char*>(plain.data()),

@@ -27,6 +27,7 @@
 #include <QThread>
 #include <QTimer>
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <functional>
 #include <unistd.h>
@@ -64,7 +65,7 @@ double percentile(std::vector<double> values, double p)
     if (values.empty())
         return 0;
     std::sort(values.begin(), values.end());
-    const size_t i = std::min(values.size() - 1, size_t(p * double(values.size() - 1) + 0.5));
+    const size_t i = std::min(values.size() - 1, size_t(std::lround(p * double(values.size() - 1))));
     return values[i];
 }
 
@@ -371,6 +372,7 @@ int footprint(const Options& o, Services& services)
     pause(3000);
 
     std::vector<Sample> first;
+    first.reserve(subjects.size());
     for (const Subject& s : subjects)
         first.push_back(sample(s.pid));
     std::vector<std::vector<double>> rss(subjects.size());

@@ -27,6 +27,7 @@
 #include <QThread>
 #include <QTimer>
 #include <algorithm>
+#include <cmath>
 #include <atomic>
 #include <cstdio>
 #include <vector>
@@ -83,7 +84,7 @@ protected:
 double percentile(std::vector<double> values, double p)
 {
     std::sort(values.begin(), values.end());
-    const size_t i = std::min(values.size() - 1, size_t(p * double(values.size() - 1) + 0.5));
+    const size_t i = std::min(values.size() - 1, size_t(std::lround(p * double(values.size() - 1))));
     return values[i];
 }
 

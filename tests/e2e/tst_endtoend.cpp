@@ -1,21 +1,13 @@
-// End-to-end tests: the real d627 binary against the real d627-sandbox. The daemon has its
-// service addresses compiled in (by default the sandbox's ports 18627 and 18628 on 127.0.0.1),
-// so every test starts the sandbox on those ports, and the daemon with its own TMPDIR and HOME.
-// The test plays the main application (see e2eharness.h) and ends each daemon with "exit",
-// expecting code 0. The last test runs the d627-mainapp stand-in, which starts the daemon itself.
+// End-to-end stories: the real d627 against the real d627-sandbox, this process playing the main
+// application and each daemon logged in and running first; the last story runs d627-mainapp,
+// which starts the daemon itself.
 
 #include "e2eharness.h"
 
-#include <QDir>
-#include <QFile>
-#include <QRegularExpression>
-#include <QSet>
 #include <QtTest>
-#include <cerrno>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 using namespace e2e;
 
@@ -24,7 +16,6 @@ namespace {
 const QString kSetCookie = QStringLiteral("PHPSESSID=e2e-fresh; path=/");
 const QByteArray kRenewedLoginText =
     "text=cookie=USERSESSIONID%3De2e-session%26PHPSESSID%3De2e-fresh%26";
-const QByteArray kDisconnected = "server disconnect to socket";
 } // namespace
 
 class tst_EndToEnd : public QObject
@@ -42,7 +33,7 @@ private slots:
     void mainAppStandIn_startsTheDaemonAndEndsIt();
 
 private:
-    QByteArray mainAppOutput() const;
+    QByteArray mainAppOutput() const { return readFile(h.dir() + "/mainapp.out"); }
 
     E2eHarness h;
     QProcess m_mainApp;
@@ -51,9 +42,6 @@ private:
 
 void tst_EndToEnd::initTestCase()
 {
-    QString why;
-    if (!h.check(why))
-        QFAIL(qPrintable(why));
     QVERIFY(QFileInfo::exists(QStringLiteral(D627_LIB_DIR) + "/libec627.so"));
     // d627-mainapp starts the daemon detached; as a subreaper this process inherits it and can
     // read its exit code.
@@ -63,8 +51,11 @@ void tst_EndToEnd::initTestCase()
 void tst_EndToEnd::init()
 {
     QVERIFY(h.prepare());
-    m_detachedDaemon = 0;
     QVERIFY(h.startSandbox({"--cookie", kSetCookie}));
+    if (QByteArray(QTest::currentTestFunction()).startsWith("mainApp"))
+        return;
+    QVERIFY(h.startDaemonAndLogin());
+    QVERIFY2(h.waitLog(kRunning, 1, 15000), "the daemon did not reach the running step");
 }
 
 void tst_EndToEnd::cleanup()
@@ -75,48 +66,27 @@ void tst_EndToEnd::cleanup()
         m_mainApp.kill();
         m_mainApp.waitForFinished(3000);
     }
-    if (m_detachedDaemon > 0) {
-        int status = 0;
-        const pid_t reaped = ::waitpid(m_detachedDaemon, &status, WNOHANG);
-        if (reaped == 0) {
-            ::kill(m_detachedDaemon, SIGKILL);
-            ::waitpid(m_detachedDaemon, &status, 0);
-        } else if (reaped < 0 && errno == ECHILD) {
-            // Not ours after all (no subreaper): end it only if it is the daemon we built.
-            QFile cmdline(QString("/proc/%1/cmdline").arg(m_detachedDaemon));
-            if (cmdline.open(QIODevice::ReadOnly) &&
-                cmdline.readAll().startsWith(QString(kBinDir + "/d627").toUtf8() + '\0'))
-                ::kill(m_detachedDaemon, SIGKILL);
-        }
-        m_detachedDaemon = 0;
+    // Ours as the subreaper: ended and reaped if it still runs.
+    if (m_detachedDaemon > 0 && ::waitpid(m_detachedDaemon, nullptr, WNOHANG) == 0) {
+        ::kill(m_detachedDaemon, SIGKILL);
+        ::waitpid(m_detachedDaemon, nullptr, 0);
     }
+    m_detachedDaemon = 0;
     h.cleanup();
 }
 
-QByteArray tst_EndToEnd::mainAppOutput() const
-{
-    QFile file(h.dir() + "/mainapp.out");
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-// ---------------------------------------------------------------------------------------------
-
 void tst_EndToEnd::login_reachesRunningStepAndWritesLog()
 {
-    QVERIFY(h.startDaemonAndLogin());
-    QVERIFY2(h.waitLog(kRunning, 1, 15000), "the daemon did not reach the running step");
-
     // The address lookup carried the user agent; the push login the user id and the cookie
     // text; the first query followed on the same connection.
     QVERIFY(h.sandboxLine("http  POST /get_tcp_server ua=[" + kUserAgent.toUtf8() + "]") >= 0);
     const int login = h.sandboxLine("push  #1 HOOS login ");
-    QVERIFY2(login >= 0, "no push login");
-    const QByteArray loginLine = linesOf(h.sandboxOut()).at(login);
-    QVERIFY2(loginLine.contains(" user=" + kUserId.toUtf8() + " "), loginLine.constData());
-    QVERIFY2(loginLine.endsWith(kLoginText), loginLine.constData());
+    const QByteArray loginLine = h.lineAt(login);
+    QVERIFY2(login >= 0 && loginLine.contains(" user=" + kUserId.toUtf8() + " ") &&
+                 loginLine.endsWith(kLoginText),
+             loginLine.constData());
     const int query = h.sandboxLine("push  #1 IOOS request#0 seq=1 cmd=16781314 (query)", login);
-    QVERIFY2(query > login, "no query after the login");
-    QVERIFY(!linesOf(h.sandboxOut()).at(query).contains(" BAD: "));
+    QVERIFY2(query > login && !h.lineAt(query).contains(" BAD: "), "no good query after the login");
     // Nothing failed on the way, so the status service was never asked.
     QCOMPARE(h.sandboxCount(kStatusCheck), 0);
     QCOMPARE(h.sandboxCount("client connected"), 1);
@@ -129,16 +99,12 @@ void tst_EndToEnd::login_reachesRunningStepAndWritesLog()
     const QRegularExpression name(
         QString(R"(^\d{4}_\d{6}_%1_627\.log$)").arg(h.daemon().processId()));
     QVERIFY2(name.match(logs.first()).hasMatch(), qPrintable(logs.first()));
-    const QByteArray log = h.daemonLog();
-    QVERIFY2(log.startsWith("1!!!\n"), log.left(40).constData());
+    QVERIFY2(h.daemonLog().startsWith("1!!!\n"), h.daemonLog().left(40).constData());
     QVERIFY(h.exitDaemon());
 }
 
 void tst_EndToEnd::profileChangesAndNotice_reachTheMainApplication()
 {
-    QVERIFY(h.startDaemonAndLogin());
-    QVERIFY2(h.waitLog(kRunning, 1, 15000), "the daemon did not reach the running step");
-
     // Avatar: the sandbox drops the connection, the daemon checks the status (the answer renews
     // PHPSESSID), reconnects, and its first query brings the change.
     const QString face = QStringLiteral("http://127.0.0.1/avatars/73105.png?v=2&size=L");
@@ -147,13 +113,11 @@ void tst_EndToEnd::profileChangesAndNotice_reachTheMainApplication()
     QVERIFY2(h.waitMessage("user_face", 0, 15000, message), "no avatar message");
     QCOMPARE(compact(message), compact({{"user_face", face}}));
     const int check = h.sandboxLine(kStatusCheck);
-    QVERIFY(check >= 0);
-    QVERIFY2(linesOf(h.sandboxOut()).at(check).contains("cookie=[" + kCookie.toUtf8() + "]"),
-             linesOf(h.sandboxOut()).at(check).constData());
+    QVERIFY2(check >= 0 && h.lineAt(check).contains("cookie=[" + kCookie.toUtf8() + "]"),
+             h.lineAt(check).constData());
     const int relogin = h.sandboxLine("push  #2 HOOS login ");
-    QVERIFY(relogin > check);
-    QVERIFY2(linesOf(h.sandboxOut()).at(relogin).endsWith(kRenewedLoginText),
-             linesOf(h.sandboxOut()).at(relogin).constData());
+    QVERIFY2(relogin > check && h.lineAt(relogin).endsWith(kRenewedLoginText),
+             h.lineAt(relogin).constData());
 
     // Membership, with an expiry beyond 32 bits.
     QVERIFY2(h.waitLog(kRunning, 2, 15000), "not running again after the avatar change");
@@ -184,9 +148,6 @@ void tst_EndToEnd::profileChangesAndNotice_reachTheMainApplication()
 
 void tst_EndToEnd::logoutElsewhere_isReportedAndEndsTheDaemon()
 {
-    QVERIFY(h.startDaemonAndLogin());
-    QVERIFY2(h.waitLog(kRunning, 1, 15000), "the daemon did not reach the running step");
-
     const QString text =
         QString::fromUtf8("signed in on \"another\" device \xe2\x80\x94 K\xc3\xb6ln");
     QVERIFY(h.ctl("logout " + text));
@@ -204,9 +165,6 @@ void tst_EndToEnd::logoutElsewhere_isReportedAndEndsTheDaemon()
 
 void tst_EndToEnd::refusedConnections_backOffLongerEachTime_thenRecover()
 {
-    QVERIFY(h.startDaemonAndLogin());
-    QVERIFY2(h.waitLog(kRunning, 1, 15000), "the daemon did not reach the running step");
-
     // The push server now accepts and closes every connection at once, while the status
     // service keeps saying "logged in": each attempt fails and is followed by a back-off.
     QVERIFY(h.ctl("push mode=refuse"));
@@ -215,8 +173,8 @@ void tst_EndToEnd::refusedConnections_backOffLongerEachTime_thenRecover()
     QVERIFY2(h.waitSandbox("push  #4 client disconnected", 1, 25000), "fewer than 3 new attempts");
     QVERIFY(h.ctl("push mode=normal"));
     QVERIFY2(h.waitLog(kRunning, 2, 25000), "the daemon did not recover after the refusals");
-    QVERIFY(h.sandboxLine("push  #5 HOOS login ") >= 0);
-    QVERIFY(h.sandboxLine("push  #5 IOOS request#0 ") >= 0);
+    QVERIFY(h.sandboxLine("push  #5 HOOS login ") >= 0 &&
+            h.sandboxLine("push  #5 IOOS request#0 ") >= 0);
     QCOMPARE(h.sandboxLine("push  #4 HOOS login "), -1);
     QVERIFY(h.sandboxCount(kStatusCheck) >= 4);
 
@@ -258,25 +216,22 @@ void tst_EndToEnd::refusedConnections_backOffLongerEachTime_thenRecover()
 void tst_EndToEnd::mainAppStandIn_startsTheDaemonAndEndsIt()
 {
     const QString lockFile = h.lockFile();
-    m_mainApp.setProgram(kBinDir + "/d627-mainapp");
-    m_mainApp.setArguments({"--daemon", kBinDir + "/d627", "--tmpdir", h.tmp(), "--lockfile",
-                            h.dir() + "/standin.lock", "--user-id", kUserId, "--cookie", kCookie,
-                            "--user-agent", kUserAgent, "--loglevel", "1"});
     m_mainApp.setProcessEnvironment(h.env());
     // A file, not a pipe: the daemon inherits this output and outlives the stand-in.
     m_mainApp.setProcessChannelMode(QProcess::MergedChannels);
     m_mainApp.setStandardOutputFile(h.dir() + "/mainapp.out");
-    m_mainApp.start();
+    m_mainApp.start(kBinDir + "/d627-mainapp",
+                    {"--daemon", kBinDir + "/d627", "--tmpdir", h.tmp(), "--lockfile",
+                     h.dir() + "/standin.lock", "--user-id", kUserId, "--cookie", kCookie,
+                     "--user-agent", kUserAgent, "--loglevel", "1"});
     QVERIFY(m_mainApp.waitForStarted(5000));
-    QVERIFY2(waitFor([&]() { return mainAppOutput().contains("mainapp: connected to the daemon"); },
+    QVERIFY2(waitFor([&] { return mainAppOutput().contains("mainapp: connected to the daemon"); },
                      10000),
              "d627-mainapp did not connect");
     QVERIFY(mainAppOutput().contains("no daemon answers; starting"));
 
-    QVERIFY(waitFor([&]() { return QFile(lockFile).size() > 0; }, 3000));
-    QFile lock(lockFile);
-    QVERIFY(lock.open(QIODevice::ReadOnly));
-    m_detachedDaemon = pid_t(lock.readLine().trimmed().toInt());
+    QVERIFY(waitFor([&] { return QFile(lockFile).size() > 0; }, 3000));
+    m_detachedDaemon = pid_t(readFile(lockFile).split('\n').value(0).trimmed().toInt());
     QVERIFY(m_detachedDaemon > 0);
     QVERIFY(m_detachedDaemon != pid_t(m_mainApp.processId()));
 
@@ -284,14 +239,14 @@ void tst_EndToEnd::mainAppStandIn_startsTheDaemonAndEndsIt()
     const QString face = QStringLiteral("http://127.0.0.1/avatars/mainapp.png");
     QVERIFY(h.ctl("avatar url=" + face));
     const QByteArray expected = "mainapp: received " + compact({{"user_face", face}});
-    QVERIFY2(waitFor([&]() { return mainAppOutput().contains(expected); }, 15000),
+    QVERIFY2(waitFor([&] { return mainAppOutput().contains(expected); }, 15000),
              "d627-mainapp printed no avatar change");
 
     m_mainApp.write("exit\n");
     QVERIFY(m_mainApp.waitForFinished(5000));
     QCOMPARE(m_mainApp.exitCode(), 0);
     int status = -1;
-    QVERIFY2(waitFor([&]() { return ::waitpid(m_detachedDaemon, &status, WNOHANG) > 0; }, 5000),
+    QVERIFY2(waitFor([&] { return ::waitpid(m_detachedDaemon, &status, WNOHANG) > 0; }, 5000),
              "the daemon did not exit after the stand-in's exit");
     m_detachedDaemon = 0;
     QVERIFY(WIFEXITED(status));

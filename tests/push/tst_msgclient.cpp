@@ -68,7 +68,7 @@ private slots:
 
         const QList<PushFrame> frames = m_s->push.frames();
         QVERIFY(frames.size() >= 2);
-        const PushFrame login = frames.at(0);
+        const PushFrame& login = frames.at(0);
         QVERIFY2(login.isLogin() && login.ok, qPrintable(login.describe() + login.error));
         QCOMPARE(login.version, quint16(1));
         QCOMPARE(login.clientType, quint8(7));
@@ -82,7 +82,7 @@ private slots:
         const qint64 stamp = static_cast<qint64>(login.sessionId >> 22);
         QVERIFY2(stamp >= before && stamp <= after, qPrintable(QString::number(stamp)));
 
-        const PushFrame query = frames.at(1);
+        const PushFrame& query = frames.at(1);
         QVERIFY2(query.isQuery() && query.ok, qPrintable(query.describe() + query.error));
         QCOMPARE(query.seq, 1u);
         QCOMPARE(query.text, kQueryText);

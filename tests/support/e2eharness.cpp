@@ -9,7 +9,6 @@
 #include <QDir>
 #include <QJsonDocument>
 #include <QRegularExpression>
-#include <QTcpServer>
 #include <QtTest>
 
 namespace e2e {
@@ -24,7 +23,7 @@ const QByteArray kStatusCheck = "http  GET /app/1.0/linux/5.0.1/check/sso";
 
 bool waitFor(const std::function<bool()>& done, int timeoutMs)
 {
-    QDeadlineTimer deadline(timeoutMs);
+    const QDeadlineTimer deadline(timeoutMs);
     while (!done()) {
         if (deadline.hasExpired())
             return false;
@@ -46,44 +45,30 @@ QList<QByteArray> linesOf(const QByteArray& text)
     return lines;
 }
 
-QByteArray tail(const QByteArray& text, int count)
+QByteArray readFile(const QString& path)
 {
-    const QList<QByteArray> lines = linesOf(text);
-    return lines.mid(qMax(0, lines.size() - count)).join('\n');
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 } // namespace e2e
 
 using namespace e2e;
 
-bool E2eHarness::check(QString& why) const
+namespace {
+QByteArray tail(const QByteArray& text)
 {
-    const QByteArray services = "http://127.0.0.1:18627/";
-    if (!QByteArray(serviceurls::kSsoStatusUrl).startsWith(services) ||
-        !QByteArray(serviceurls::kPushAddressUrl).startsWith(services)) {
-        why = "this build's daemon looks for its services elsewhere than the sandbox's default";
-        return false;
-    }
-    for (const char* tool : {"d627", "d627-sandbox", "d627-mainapp"}) {
-        if (!QFileInfo(kBinDir + '/' + tool).isExecutable()) {
-            why = QString("%1 is not built").arg(tool);
-            return false;
-        }
-    }
-    for (const quint16 port : {quint16(18627), quint16(18628)}) {
-        QTcpServer probe;
-        if (!probe.listen(QHostAddress::LocalHost, port)) {
-            why = QString("port %1 on 127.0.0.1 is taken (%2). Is a demo or another sandbox "
-                          "running? These tests need 18627 and 18628 free.")
-                      .arg(port)
-                      .arg(probe.errorString());
-            return false;
-        }
-    }
-    return true;
+    const QList<QByteArray> lines = linesOf(text);
+    return lines.mid(qMax(0, lines.size() - 25)).join('\n');
 }
+} // namespace
 
 bool E2eHarness::prepare()
 {
+    // Only loopback: a build whose services are not the sandbox's would talk to other hosts.
+    const QByteArray services = "http://127.0.0.1:18627/";
+    if (!QByteArray(serviceurls::kSsoStatusUrl).startsWith(services) ||
+        !QByteArray(serviceurls::kPushAddressUrl).startsWith(services))
+        return false;
     m_dir.reset(new QTemporaryDir);
     if (!m_dir->isValid() || !QDir().mkpath(tmp()) || !QDir().mkpath(home()))
         return false;
@@ -91,7 +76,6 @@ bool E2eHarness::prepare()
     m_env.insert("TMPDIR", tmp());
     m_env.insert("HOME", home());
     m_env.insert("LD_LIBRARY_PATH", QStringLiteral(D627_LIB_DIR));
-    // This process plays the main application, so it holds the main application's lock.
     m_mainAppLock.reset(new QLockFile(m_dir->path() + "/mainapp.lock"));
     return m_mainAppLock->tryLock(1000);
 }
@@ -99,21 +83,16 @@ bool E2eHarness::prepare()
 bool E2eHarness::startSandbox(const QStringList& arguments)
 {
     m_sandboxOut.clear();
-    m_sandbox.setProgram(kBinDir + "/d627-sandbox");
-    m_sandbox.setArguments(arguments);
     m_sandbox.setProcessChannelMode(QProcess::MergedChannels);
-    m_sandbox.start();
-    if (!m_sandbox.waitForStarted(5000))
-        return false;
+    m_sandbox.start(kBinDir + "/d627-sandbox", arguments);
     waitFor(
-        [this]() { return sandboxCount("ready:") > 0 || m_sandbox.state() != QProcess::Running; },
+        [this] { return sandboxCount("ready:") > 0 || m_sandbox.state() == QProcess::NotRunning; },
         5000);
-    if (sandboxCount("ready:") == 0) {
-        qWarning("d627-sandbox could not serve 127.0.0.1:18627 and 18628: %s",
-                 m_sandboxOut.constData());
-        return false;
-    }
-    return true;
+    if (sandboxCount("ready:") > 0)
+        return true;
+    qWarning("d627-sandbox could not serve 127.0.0.1:18627 and 18628: %s",
+             m_sandboxOut.constData());
+    return false;
 }
 
 bool E2eHarness::startDaemon(const QStringList& extra, const QString& socketPath)
@@ -128,55 +107,42 @@ bool E2eHarness::startDaemon(const QStringList& extra, const QString& socketPath
     }
     m_received.clear();
     m_linkBuffer.clear();
-    m_daemon.setProgram(kBinDir + "/d627");
     m_daemon.setProcessEnvironment(env);
     m_daemon.setWorkingDirectory(m_dir->path());
     m_daemon.setProcessChannelMode(QProcess::MergedChannels);
     m_daemon.setStandardOutputFile(m_dir->path() + "/daemon.out", QIODevice::Append);
-    m_daemon.start();
+    m_daemon.start(kBinDir + "/d627", QStringList());
     if (!m_daemon.waitForStarted(5000)) {
         qWarning("d627 did not start: %s", qPrintable(m_daemon.errorString()));
         return false;
     }
     const QString path = socketPath.isEmpty() ? tmp() + '/' + kInstanceId : socketPath;
-    if (!connectLink(path)) {
-        qWarning("no local server at %s", qPrintable(path));
-        return false;
-    }
-    return true;
-}
-
-bool E2eHarness::connectLink(const QString& path)
-{
     m_link.reset(new QLocalSocket);
     connect(m_link.data(), &QLocalSocket::readyRead, this, &E2eHarness::onLinkReadyRead);
     waitFor(
-        [&]() {
+        [&] {
             if (m_daemon.state() == QProcess::NotRunning)
                 return true;
             m_link->connectToServer(path);
             return m_link->waitForConnected(200);
         },
         10000);
-    return m_link->state() == QLocalSocket::ConnectedState;
+    if (m_link->state() == QLocalSocket::ConnectedState)
+        return true;
+    qWarning("no local server at %s", qPrintable(path));
+    return false;
 }
 
 bool E2eHarness::login(int setting)
 {
-    const QJsonObject login{{"user_id", kUserId},
-                            {"cookie", kCookie},
-                            {"setting", setting},
-                            {"user_agent", kUserAgent},
-                            {"pid", int(QCoreApplication::applicationPid())},
-                            {"lockfile", m_dir->path() + "/mainapp.lock"},
-                            {"loglevel", 1}};
-    m_link->write(compact(login));
+    m_link->write(compact({{"user_id", kUserId},
+                           {"cookie", kCookie},
+                           {"setting", setting},
+                           {"user_agent", kUserAgent},
+                           {"pid", int(QCoreApplication::applicationPid())},
+                           {"lockfile", m_dir->path() + "/mainapp.lock"},
+                           {"loglevel", 1}}));
     return m_link->flush() || m_link->bytesToWrite() == 0;
-}
-
-bool E2eHarness::startDaemonAndLogin(const QStringList& extra)
-{
-    return startDaemon(extra) && login();
 }
 
 bool E2eHarness::exitDaemon()
@@ -185,7 +151,7 @@ bool E2eHarness::exitDaemon()
         m_link->write(R"({"exit":true})");
         m_link->flush();
     }
-    if (!waitFor([&]() { return m_daemon.state() == QProcess::NotRunning; }, 15000)) {
+    if (!waitFor([&] { return m_daemon.state() == QProcess::NotRunning; }, 15000)) {
         qWarning("the daemon did not end after {\"exit\":true}");
         return false;
     }
@@ -204,13 +170,12 @@ QString E2eHarness::lockFile() const
 void E2eHarness::cleanup()
 {
     if (QTest::currentTestFailed()) {
-        qInfo("sandbox (last lines):\n%s", tail(m_sandboxOut, 25).constData());
-        qInfo("daemon log (last lines):\n%s", tail(daemonLog(), 25).constData());
+        qInfo("sandbox (last lines):\n%s", tail(m_sandboxOut).constData());
+        qInfo("daemon log (last lines):\n%s", tail(daemonLog()).constData());
     }
-    if (m_link) {
+    if (m_link)
         m_link->abort();
-        m_link.reset();
-    }
+    m_link.reset();
     if (m_daemon.state() != QProcess::NotRunning) {
         m_daemon.kill();
         m_daemon.waitForFinished(3000);
@@ -242,14 +207,10 @@ bool E2eHarness::ctl(const QString& line)
     const int before = sandboxCount("ctl   -> ");
     m_sandbox.write(line.toUtf8() + '\n');
     const bool answered = waitSandbox("ctl   -> ", before + 1, 10000);
-    const QList<QByteArray> lines = linesOf(m_sandboxOut);
-    for (int i = lines.size() - 1; answered && i >= 0; --i) {
-        if (lines.at(i).contains("ctl   -> ")) {
-            if (lines.at(i).contains("\"ok\":true"))
-                return true;
-            break;
-        }
-    }
+    const int at = m_sandboxOut.lastIndexOf("ctl   -> ");
+    if (answered &&
+        m_sandboxOut.mid(at, m_sandboxOut.indexOf('\n', at) - at).contains("\"ok\":true"))
+        return true;
     qWarning("sandbox command %s failed", qPrintable(line));
     return false;
 }
@@ -268,39 +229,20 @@ int E2eHarness::sandboxLine(const QByteArray& text, int from)
 int E2eHarness::sandboxCount(const QByteArray& text)
 {
     m_sandboxOut += m_sandbox.readAllStandardOutput();
-    int count = 0;
-    for (const QByteArray& line : linesOf(m_sandboxOut))
-        count += line.contains(text) ? 1 : 0;
-    return count;
-}
-
-bool E2eHarness::waitSandbox(const QByteArray& text, int count, int timeoutMs)
-{
-    return waitFor([&]() { return sandboxCount(text) >= count; }, timeoutMs);
+    const QList<QByteArray> lines = linesOf(m_sandboxOut);
+    return int(std::count_if(lines.cbegin(), lines.cend(),
+                             [&](const QByteArray& line) { return line.contains(text); }));
 }
 
 QByteArray E2eHarness::daemonLog() const
 {
-    if (!m_dir)
-        return QByteArray();
     QByteArray out;
+    if (!m_dir)
+        return out;
     const QDir dir(home() + "/Documents/627log/support");
-    for (const QString& name : dir.entryList({"*.log"}, QDir::Files, QDir::Name)) {
-        QFile file(dir.filePath(name));
-        if (file.open(QIODevice::ReadOnly))
-            out += file.readAll();
-    }
+    for (const QString& name : dir.entryList({"*.log"}, QDir::Files, QDir::Name))
+        out += readFile(dir.filePath(name));
     return out;
-}
-
-int E2eHarness::logCount(const QByteArray& text) const
-{
-    return daemonLog().count(text);
-}
-
-bool E2eHarness::waitLog(const QByteArray& text, int count, int timeoutMs)
-{
-    return waitFor([&]() { return logCount(text) >= count; }, timeoutMs);
 }
 
 QList<qint64> E2eHarness::logTimes(const QByteArray& text) const
@@ -320,7 +262,7 @@ QList<qint64> E2eHarness::logTimes(const QByteArray& text) const
 bool E2eHarness::waitMessage(const QString& key, int from, int timeoutMs, QJsonObject& found)
 {
     return waitFor(
-        [&]() {
+        [&] {
             for (int i = from; i < m_received.size(); ++i) {
                 if (m_received.at(i).contains(key)) {
                     found = m_received.at(i);

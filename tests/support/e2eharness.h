@@ -2,9 +2,7 @@
 
 // End-to-end set-up shared by the e2e suites: the real d627-sandbox on its default ports, the
 // real d627 with a private TMPDIR and HOME, and this process as the main application (it holds
-// the main application's lock file and talks on a real local socket). The sandbox is driven by
-// its standard-input commands; its output lines and the daemon's log files are read back.
-// Everything runs on the test's main thread; waits spin its event loop with a bounded time.
+// the main application's lock file and talks on a real local socket). Waits spin the event loop.
 
 #include <QJsonObject>
 #include <QList>
@@ -28,39 +26,47 @@ extern const QByteArray kStatusCheck; // sandbox line of a status check
 bool waitFor(const std::function<bool()>& done, int timeoutMs);
 QByteArray compact(const QJsonObject& object);
 QList<QByteArray> linesOf(const QByteArray& text);
+QByteArray readFile(const QString& path); // empty when unreadable
 } // namespace e2e
 
 class E2eHarness : public QObject
 {
     Q_OBJECT
 public:
-    // Checks the binaries and that ports 18627/18628 are free; false with a message otherwise.
-    bool check(QString& why) const;
-    // A fresh temporary folder with tmp/ and home/, and the daemon's environment for it.
+    // A fresh temporary folder with tmp/ and home/, and the daemon's environment for it; false
+    // if this build's services are not the sandbox's on 127.0.0.1.
     bool prepare();
     bool startSandbox(const QStringList& arguments = {});
     // Starts d627 with the environment (plus `extra`, "NAME=value"; an empty value unsets) in
     // the private folder and connects the link; false if it does not listen.
     bool startDaemon(const QStringList& extra = {}, const QString& socketPath = QString());
-    bool connectLink(const QString& path);
     bool login(int setting = 0);
-    bool startDaemonAndLogin(const QStringList& extra = {});
+    bool startDaemonAndLogin(const QStringList& extra = {})
+    {
+        return startDaemon(extra) && login();
+    }
     // Sends {"exit":true}; true when the daemon ended with code 0 and removed its lock file.
     bool exitDaemon();
     // Kills what still runs and prints the last lines when the test failed.
     void cleanup();
 
-    // One sandbox command line; true when it answered "ok".
-    bool ctl(const QString& line);
+    bool ctl(const QString& line); // one sandbox command line; true when it answered "ok"
     // Index of the first sandbox line at or after `from` that contains `text`; -1: none.
     int sandboxLine(const QByteArray& text, int from = 0);
     int sandboxCount(const QByteArray& text);
-    bool waitSandbox(const QByteArray& text, int count, int timeoutMs);
-    QByteArray sandboxOut() const { return m_sandboxOut; }
+    bool waitSandbox(const QByteArray& text, int count, int timeoutMs)
+    {
+        return e2e::waitFor([&] { return sandboxCount(text) >= count; }, timeoutMs);
+    }
+    QByteArray lineAt(int index) const { return e2e::linesOf(m_sandboxOut).value(index); }
 
     QByteArray daemonLog() const; // all log files in name order
-    int logCount(const QByteArray& text) const;
-    bool waitLog(const QByteArray& text, int count, int timeoutMs);
+    QByteArray daemonOut() const { return e2e::readFile(dir() + "/daemon.out"); }
+    int logCount(const QByteArray& text) const { return daemonLog().count(text); }
+    bool waitLog(const QByteArray& text, int count, int timeoutMs)
+    {
+        return e2e::waitFor([&] { return logCount(text) >= count; }, timeoutMs);
+    }
     // Times (ms since the epoch) of the daemon's log lines that contain `text`.
     QList<qint64> logTimes(const QByteArray& text) const;
 

@@ -42,7 +42,7 @@ bool MainAppClient::preparePrivateTmpDir()
     const QByteArray path = QFile::encodeName(m_options.tmpDir);
     if (::mkdir(path.constData(), 0700) != 0 && errno != EEXIST) {
         printLine("cannot create " + m_options.tmpDir + ": " +
-                  QString::fromLocal8Bit(strerror(errno)));
+                  qt_error_string(errno));
         return false;
     }
     if (!m_options.privateTmpDir)

@@ -441,7 +441,7 @@ HttpStubResponse Sandbox::answerFor(const HttpStubRequest& request,
 {
     if (!m_overrides.contains(request.path))
         return normal();
-    const HttpStubResponse response = m_overrides.value(request.path);
+    HttpStubResponse response = m_overrides.value(request.path);
     logHttp(request, response);
     return response;
 }
