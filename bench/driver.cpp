@@ -65,7 +65,8 @@ double percentile(std::vector<double> values, double p)
     if (values.empty())
         return 0;
     std::sort(values.begin(), values.end());
-    const size_t i = std::min(values.size() - 1, size_t(std::lround(p * double(values.size() - 1))));
+    const size_t i =
+        std::min(values.size() - 1, size_t(std::lround(p * double(values.size() - 1))));
     return values[i];
 }
 
@@ -363,7 +364,7 @@ int footprint(const Options& o, Services& services)
         waitUntil(
             [&] {
                 link->connectToServer(name);
-                // cppcheck-suppress knownConditionTrueFalse ; the event loop changes it while waiting
+                // cppcheck-suppress knownConditionTrueFalse ; the event loop changes it
                 return link->state() == QLocalSocket::ConnectedState || (link->abort(), false);
             },
             5000);
@@ -418,7 +419,7 @@ int latency(const Options& o, Services& services)
         const int checks = services.statusChecks;
         const double sent = nowMs();
         services.push.sendNotice(quint32(1000 + i));
-        // cppcheck-suppress knownConditionTrueFalse ; the event loop changes it while waiting
+        // cppcheck-suppress knownConditionTrueFalse ; the event loop changes it
         if (waitUntil([&] { return session.app.vipCount > before; }, 5000)) {
             delays.push_back(session.app.vipMs - sent);
             if (services.statusChecks > checks)
@@ -479,7 +480,7 @@ int growth(const Options& o, Services& services)
             break;
         }
         reconnects.push_back(services.firstAnswerMs - lastDrop);
-        // cppcheck-suppress knownConditionTrueFalse ; the event loop changes it while waiting
+        // cppcheck-suppress knownConditionTrueFalse ; the event loop changes it
         if (avatar && waitUntil([&] { return session.app.faceCount > faces; }, 5000))
             avatars.push_back(session.app.faceMs - services.firstAnswerMs);
         pause(1500);

@@ -27,8 +27,8 @@
 #include <QThread>
 #include <QTimer>
 #include <algorithm>
-#include <cmath>
 #include <atomic>
+#include <cmath>
 #include <cstdio>
 #include <vector>
 
@@ -84,7 +84,8 @@ protected:
 double percentile(std::vector<double> values, double p)
 {
     std::sort(values.begin(), values.end());
-    const size_t i = std::min(values.size() - 1, size_t(std::lround(p * double(values.size() - 1))));
+    const size_t i =
+        std::min(values.size() - 1, size_t(std::lround(p * double(values.size() - 1))));
     return values[i];
 }
 

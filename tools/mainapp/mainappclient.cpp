@@ -41,8 +41,7 @@ bool MainAppClient::preparePrivateTmpDir()
 {
     const QByteArray path = QFile::encodeName(m_options.tmpDir);
     if (::mkdir(path.constData(), 0700) != 0 && errno != EEXIST) {
-        printLine("cannot create " + m_options.tmpDir + ": " +
-                  qt_error_string(errno));
+        printLine("cannot create " + m_options.tmpDir + ": " + qt_error_string(errno));
         return false;
     }
     if (!m_options.privateTmpDir)
