@@ -97,17 +97,17 @@ bool E2eHarness::startSandbox(const QStringList& arguments)
 
 bool E2eHarness::startDaemon(const QStringList& extra, const QString& socketPath)
 {
-    QProcessEnvironment env = m_env;
+    QProcessEnvironment daemonEnv = m_env;
     for (const QString& item : extra) {
         const int eq = item.indexOf('=');
         if (item.mid(eq + 1).isEmpty())
-            env.remove(item.left(eq));
+            daemonEnv.remove(item.left(eq));
         else
-            env.insert(item.left(eq), item.mid(eq + 1));
+            daemonEnv.insert(item.left(eq), item.mid(eq + 1));
     }
     m_received.clear();
     m_linkBuffer.clear();
-    m_daemon.setProcessEnvironment(env);
+    m_daemon.setProcessEnvironment(daemonEnv);
     m_daemon.setWorkingDirectory(m_dir->path());
     m_daemon.setProcessChannelMode(QProcess::MergedChannels);
     m_daemon.setStandardOutputFile(m_dir->path() + "/daemon.out", QIODevice::Append);
@@ -239,9 +239,9 @@ QByteArray E2eHarness::daemonLog() const
     QByteArray out;
     if (!m_dir)
         return out;
-    const QDir dir(home() + "/Documents/627log/support");
-    for (const QString& name : dir.entryList({"*.log"}, QDir::Files, QDir::Name))
-        out += readFile(dir.filePath(name));
+    const QDir logDir(home() + "/Documents/627log/support");
+    for (const QString& name : logDir.entryList({"*.log"}, QDir::Files, QDir::Name))
+        out += readFile(logDir.filePath(name));
     return out;
 }
 
