@@ -152,9 +152,9 @@ sort -n "$scratch/times" | awk '{printf "  %6.1fs %s\n", $1, $2}'
 first_tests() {
     case "$1" in
     src/core/*) echo "tst_datacenter tst_log" ;;
-    src/cipher/*) echo "tst_stringencrypt tst_cipher_fake tst_cipher_nolib tst_msgclientcodec" ;;
+    src/cipher/*) echo "tst_stringencrypt tst_cipher_fake tst_cipher_nolib" ;;
     src/web/*) echo "tst_requesthttps" ;;
-    src/push/*) echo "tst_msgclientcodec tst_cipher_fake tst_msgclient" ;;
+    src/push/*) echo "tst_stringencrypt tst_cipher_fake tst_msgclient" ;;
     src/threads/*) echo "tst_threadmanager tst_mainappdetect tst_networkdetect tst_clientthread" ;;
     src/link/*) echo "tst_adapter tst_daemon" ;;
     src/*) echo "tst_daemon" ;;
