@@ -1,13 +1,10 @@
 // End-to-end stories: the real d627 against the real d627-sandbox, this process playing the main
-// application and each daemon logged in and running first; the last story runs d627-mainapp,
-// which starts the daemon itself.
+// application and each daemon logged in and running first. d627-mainapp starting the daemon
+// itself is played by the installed-tree test and the daemon tests.
 
 #include "e2eharness.h"
 
 #include <QtTest>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 
 using namespace e2e;
 
@@ -30,48 +27,26 @@ private slots:
     void profileChangesAndNotice_reachTheMainApplication();
     void logoutElsewhere_isReportedAndEndsTheDaemon();
     void refusedConnections_backOffLongerEachTime_thenRecover();
-    void mainAppStandIn_startsTheDaemonAndEndsIt();
 
 private:
-    QByteArray mainAppOutput() const { return readFile(h.dir() + "/mainapp.out"); }
-
     E2eHarness h;
-    QProcess m_mainApp;
-    pid_t m_detachedDaemon = 0; // the daemon that d627-mainapp started; reparented to us
 };
 
 void tst_EndToEnd::initTestCase()
 {
     QVERIFY(QFileInfo::exists(QStringLiteral(D627_LIB_DIR) + "/libec627.so"));
-    // d627-mainapp starts the daemon detached; as a subreaper this process inherits it and can
-    // read its exit code.
-    QVERIFY(::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) == 0);
 }
 
 void tst_EndToEnd::init()
 {
     QVERIFY(h.prepare());
     QVERIFY(h.startSandbox({"--cookie", kSetCookie}));
-    if (QByteArray(QTest::currentTestFunction()).startsWith("mainApp"))
-        return;
     QVERIFY(h.startDaemonAndLogin());
     QVERIFY2(h.waitLog(kRunning, 1, 15000), "the daemon did not reach the running step");
 }
 
 void tst_EndToEnd::cleanup()
 {
-    if (QTest::currentTestFailed() && !mainAppOutput().isEmpty())
-        qInfo("d627-mainapp (last lines):\n%s", mainAppOutput().right(2000).constData());
-    if (m_mainApp.state() != QProcess::NotRunning) {
-        m_mainApp.kill();
-        m_mainApp.waitForFinished(3000);
-    }
-    // Ours as the subreaper: ended and reaped if it still runs.
-    if (m_detachedDaemon > 0 && ::waitpid(m_detachedDaemon, nullptr, WNOHANG) == 0) {
-        ::kill(m_detachedDaemon, SIGKILL);
-        ::waitpid(m_detachedDaemon, nullptr, 0);
-    }
-    m_detachedDaemon = 0;
     h.cleanup();
 }
 
@@ -211,47 +186,6 @@ void tst_EndToEnd::refusedConnections_backOffLongerEachTime_thenRecover()
     qInfo("back-off:%s", qPrintable(shown));
     QCOMPARE(h.received().size(), 0);
     QVERIFY(h.exitDaemon());
-}
-
-void tst_EndToEnd::mainAppStandIn_startsTheDaemonAndEndsIt()
-{
-    const QString lockFile = h.lockFile();
-    m_mainApp.setProcessEnvironment(h.env());
-    // A file, not a pipe: the daemon inherits this output and outlives the stand-in.
-    m_mainApp.setProcessChannelMode(QProcess::MergedChannels);
-    m_mainApp.setStandardOutputFile(h.dir() + "/mainapp.out");
-    m_mainApp.start(kBinDir + "/d627-mainapp",
-                    {"--daemon", kBinDir + "/d627", "--tmpdir", h.tmp(), "--lockfile",
-                     h.dir() + "/standin.lock", "--user-id", kUserId, "--cookie", kCookie,
-                     "--user-agent", kUserAgent, "--loglevel", "1"});
-    QVERIFY(m_mainApp.waitForStarted(5000));
-    QVERIFY2(waitFor([&] { return mainAppOutput().contains("mainapp: connected to the daemon"); },
-                     10000),
-             "d627-mainapp did not connect");
-    QVERIFY(mainAppOutput().contains("no daemon answers; starting"));
-
-    QVERIFY(waitFor([&] { return QFile(lockFile).size() > 0; }, 3000));
-    m_detachedDaemon = pid_t(readFile(lockFile).split('\n').value(0).trimmed().toInt());
-    QVERIFY(m_detachedDaemon > 0);
-    QVERIFY(m_detachedDaemon != pid_t(m_mainApp.processId()));
-
-    QVERIFY2(h.waitLog(kRunning, 1, 15000), "the daemon did not reach the running step");
-    const QString face = QStringLiteral("http://127.0.0.1/avatars/mainapp.png");
-    QVERIFY(h.ctl("avatar url=" + face));
-    const QByteArray expected = "mainapp: received " + compact({{"user_face", face}});
-    QVERIFY2(waitFor([&] { return mainAppOutput().contains(expected); }, 15000),
-             "d627-mainapp printed no avatar change");
-
-    m_mainApp.write("exit\n");
-    QVERIFY(m_mainApp.waitForFinished(5000));
-    QCOMPARE(m_mainApp.exitCode(), 0);
-    int status = -1;
-    QVERIFY2(waitFor([&] { return ::waitpid(m_detachedDaemon, &status, WNOHANG) > 0; }, 5000),
-             "the daemon did not exit after the stand-in's exit");
-    m_detachedDaemon = 0;
-    QVERIFY(WIFEXITED(status));
-    QCOMPARE(WEXITSTATUS(status), 0);
-    QVERIFY(!QFileInfo::exists(lockFile));
 }
 
 QTEST_GUILESS_MAIN(tst_EndToEnd)
