@@ -24,10 +24,16 @@ Sync::Sync(QMutex* mutex) : m_mutex(mutex)
 
 Sync::~Sync()
 {
+    unlock();
+}
+
+void Sync::unlock()
+{
     if (!m_mutex)
         return;
     release(m_mutex);
     m_mutex->unlock();
+    m_mutex = nullptr;
 }
 
 void Sync::release(const void* address)

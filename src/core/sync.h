@@ -17,6 +17,9 @@ public:
     Sync(const Sync&) = delete;
     Sync& operator=(const Sync&) = delete;
 
+    // Lets go before the block ends; the destructor then does nothing.
+    void unlock();
+
     // Hand-over points the thread checker cannot see by itself: what one thread did before
     // release(p) is ordered before what another does after a later acquire(p). No-ops in
     // every other build.

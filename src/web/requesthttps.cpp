@@ -2,12 +2,12 @@
 
 #include "core/datacenter.h"
 #include "core/log.h"
+#include "core/sync.h"
 #include "networkcookie.h"
 
 #include <QDebug>
 #include <QHttpMultiPart>
 #include <QMutex>
-#include <QMutexLocker>
 #include <QNetworkAccessManager>
 #include <QNetworkRequest>
 #include <QSslConfiguration>
@@ -39,7 +39,7 @@ bool isUrlProtocol(const QUrl& url, const QString& scheme)
 
 CRequestHttps::CRequestHttps() : m_manager(nullptr), m_request(new QNetworkRequest), m_abort(false)
 {
-    const QMutexLocker gate(&g_gateMutex);
+    const Sync gate(&g_gateMutex);
     if (!g_gateClosed)
         m_manager = new QNetworkAccessManager;
 }
@@ -50,7 +50,7 @@ CRequestHttps::~CRequestHttps()
         // The manager deletes the jar it owns. Behind a closed gate it is left to the end of
         // the process: its destructor reaches Qt's network configuration manager, which the
         // application object is tearing down.
-        const QMutexLocker gate(&g_gateMutex);
+        const Sync gate(&g_gateMutex);
         if (!g_gateClosed)
             delete m_manager;
         else if (m_manager)
@@ -61,14 +61,14 @@ CRequestHttps::~CRequestHttps()
 
 void CRequestHttps::closeNetworkGate()
 {
-    const QMutexLocker gate(&g_gateMutex);
+    const Sync gate(&g_gateMutex);
     g_gateClosed = true;
 }
 
 int CRequestHttps::SendRequest(QString url, int method, QMap<QString, QString> headers,
                                const QByteArray& body, QByteArray& reply)
 {
-    QMutexLocker gate(&g_gateMutex);
+    Sync gate(&g_gateMutex);
     if (g_gateClosed || !m_manager) {
         reply = QByteArray(kGateClosed);
         return -1;
@@ -134,7 +134,7 @@ int CRequestHttps::SendRequest(QString url, int method, QMap<QString, QString> h
                                const QByteArray& body, QByteArray& reply,
                                QMap<QString, QString>* formParts)
 {
-    QMutexLocker gate(&g_gateMutex);
+    Sync gate(&g_gateMutex);
     if (g_gateClosed || !m_manager) {
         reply = QByteArray(kGateClosed);
         return -1;
