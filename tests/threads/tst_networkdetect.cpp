@@ -54,7 +54,7 @@ private slots:
         CNetWorkDetectThread thread;
         thread.Quit();
         thread.start();
-        QVERIFY(thread.wait(3000));
+        QVERIFY(thread.wait(30000));
         QVERIFY(!QFile::exists(m_dir.path() + "/args"));
     }
 
