@@ -212,9 +212,9 @@ void tst_Daemon::mainApp_privateTmpDir()
               (impostor ? QStringList{"--tmpdir", tmp} : QStringList{}));
     ::umask(before);
     QByteArray output;
-    QTRY_VERIFY_WITH_TIMEOUT((output += mainApp.readAll()).contains(expected), 15000);
+    QTRY_VERIFY_WITH_TIMEOUT((output += mainApp.readAll()).contains(expected), 30000);
     if (foreign) {
-        QTRY_COMPARE_WITH_TIMEOUT(mainApp.state(), QProcess::NotRunning, 5000);
+        QTRY_COMPARE_WITH_TIMEOUT(mainApp.state(), QProcess::NotRunning, 30000);
         QCOMPARE(mainApp.exitCode(), 1);
         QVERIFY2(!impostor || ownership::waitExit(impostor) == ownership::kClosed,
                  "the impostor got bytes");
@@ -227,7 +227,7 @@ void tst_Daemon::mainApp_privateTmpDir()
     QVERIFY(!QFileInfo::exists(socketPath()));
     mainApp.write("exit\n");
     endsWithZero(mainApp);
-    QTRY_VERIFY_WITH_TIMEOUT(!QFileInfo::exists(lockFile), 10000); // the daemon ended
+    QTRY_VERIFY_WITH_TIMEOUT(!QFileInfo::exists(lockFile), 30000); // the daemon ended
 }
 
 QTEST_GUILESS_MAIN(tst_Daemon)
