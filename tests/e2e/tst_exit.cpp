@@ -129,7 +129,7 @@ void tst_Exit::exits()
         env.insert("FAKE_EC627_MODE", state == "libfail" ? "fail" : "initfail");
         run.process.setProcessEnvironment(env);
         run.process.setStandardOutputFile(QProcess::nullDevice());
-        run.process.setStandardErrorFile(QProcess::nullDevice());
+        run.process.setProcessChannelMode(QProcess::ForwardedErrorChannel); // sanitizer reports
         // A non-empty folder where the socket belongs: removeServer cannot clear it.
         QVERIFY(way != "listen" || QDir().mkpath(run.socketPath() + "/taken"));
         connect(&run.link, &QLocalSocket::readyRead,
