@@ -36,9 +36,10 @@ bool is(const char* mode)
 }
 
 // Writes prefix + input into out when it fits; returns 0, or -2 for too small a capacity.
-int wrap(const char* prefix, const unsigned char* in, int n, unsigned char* out, int* len)
+template <typename Length>
+int wrap(const char* prefix, const unsigned char* in, Length n, unsigned char* out, Length* len)
 {
-    const int p = static_cast<int>(std::strlen(prefix));
+    const auto p = static_cast<Length>(std::strlen(prefix));
     if (!out || !len || n < 0 || *len < p + n)
         return -2;
     std::memcpy(out, prefix, static_cast<size_t>(p));
@@ -120,13 +121,8 @@ FAKE_API int ec627_encode_len(int n)
 FAKE_API int ec627_encode_token(unsigned int product, unsigned char* token, int* len)
 {
     FORWARD(ec627_encode_token, 0, product, token, len)
-    char text[64];
-    const int n = std::snprintf(text, sizeof text, "fake-token-%u", product);
-    if (is("fail") || *len < n)
-        return 0;
-    std::memcpy(token, text, static_cast<size_t>(n));
-    *len = n;
-    return 1;
+    const std::string text = "fake-token-" + std::to_string(product);
+    return !is("fail") && wrap(text.c_str(), nullptr, 0, token, len) == 0 ? 1 : 0;
 }
 
 FAKE_API int ec627_encode_data(const unsigned char* in, int n, unsigned char* out, int* len)
@@ -175,13 +171,10 @@ FAKE_API int ec627_msg_encode(unsigned int type, const unsigned char* in, int n,
             *tlen = 47;
         return rc;
     }
-    const int size = is("token47") ? 47 : 48;
     if (is("fail"))
         return 7;
-    if (*tlen < size)
-        return -2;
     const int rc = wrap("MSG:", in, n, out, len);
-    return rc != 0 ? rc : pattern(size, token, tlen);
+    return rc != 0 ? rc : pattern(is("token47") ? 47 : 48, token, tlen);
 }
 
 FAKE_API int ec627_encode(unsigned int type, const unsigned char* in, int n, unsigned char* out,
@@ -221,12 +214,5 @@ FAKE_API int m627_decode(const unsigned char* in, unsigned int n, unsigned char*
 {
     FORWARD(m627_decode, -1, in, n, out, len, key, scratch)
     g_lastKey = key ? reinterpret_cast<const char*>(key) : "(null)";
-    if (is("fail"))
-        return 7;
-    if (*len < n)
-        return -2;
-    if (n)
-        std::memcpy(out, in, n);
-    *len = n;
-    return 0;
+    return is("fail") ? 7 : wrap("", in, n, out, len);
 }
