@@ -1,19 +1,19 @@
 // Failure-injection library with the thirteen ec627 entry points (lib/fake-ec627/libec627.so),
-// exporting fake_ec627_calls(name), fake_ec627_reset() and fake_ec627_last_key() for the tests.
+// plus fake_ec627_calls(name), fake_ec627_reset() and fake_ec627_last_key() for the tests.
 // FAKE_EC627_MODE, read on every call: ""/"ok" bodies "ENC:"/"MSG:" + input, fixed tokens;
-// "fail" every call returns 7 (ec627_encode_token 0: no token); "initfail" both inits return 1;
-// "token47" ec627_msg_encode writes a 47-byte token; "shortlen" ec627_encode_len is -1;
-// "negative" both lengths are -600; "overlong" encoders report 100 bytes beyond the capacity;
-// "fill" m627_encode fills its buffer with 'A' and no terminator.
-// With FAKE_EC627_REAL naming a real library file every entry point forwards to it, except the
-// one named by FAKE_EC627_FAIL, which fails (-1; ec627_encode_token 0), so that the real daemon
-// meets a broken entry point; FAKE_EC627_FAIL=token_length gives a 47-byte message token.
+// "fail" every call returns 7 (ec627_encode_token 0); "initfail" both inits return 1; "token47"
+// a 47-byte message token; "shortlen" ec627_encode_len -1; "negative" both lengths -600;
+// "overlong" lengths 100 bytes beyond the capacity; "fill" m627_encode fills its buffer with 'A'
+// and no terminator. With FAKE_EC627_REAL naming a real library every entry point forwards to
+// it, except the one named by FAKE_EC627_FAIL, which fails (-1; ec627_encode_token 0), so that
+// the daemon meets a broken entry point; FAKE_EC627_FAIL=token_length: a 47-byte message token.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
 #include <map>
 #include <mutex>
+#include <numeric>
 #include <string>
 
 #define FAKE_API extern "C" __attribute__((visibility("default")))
@@ -49,14 +49,12 @@ int wrap(const char* prefix, const unsigned char* in, Length n, unsigned char* o
     return 0;
 }
 
+// Writes the bytes 1, 2, ... size (at most 48) as a token.
 int pattern(int size, unsigned char* token, int* len)
 {
-    if (*len < size)
-        return -2;
-    for (int i = 0; i < size; ++i)
-        token[i] = static_cast<unsigned char>(i + 1);
-    *len = size;
-    return 0;
+    unsigned char bytes[48];
+    std::iota(bytes, bytes + size, 1);
+    return wrap("", bytes, size, token, len);
 }
 
 // Counts the call; returns the real library's entry point `name`, or null when not forwarding.

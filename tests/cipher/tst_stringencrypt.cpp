@@ -11,9 +11,6 @@
 #include <QtTest>
 
 namespace {
-const auto uc = [](const QByteArray& b) {
-    return reinterpret_cast<const unsigned char*>(b.data());
-};
 QByteArray le32(quint32 v)
 {
     QByteArray b;
@@ -73,7 +70,9 @@ private slots:
         // The decoder's bound is the encode bound, not the decode length.
         QCOMPARE(se()->Ec627DecodeLen(sealed), enctypt::ec627_encode_len(sealed.size()) + 512);
         QVERIFY(se()->Ec627DecodeLen(sealed) !=
-                enctypt::ec627_decode_len(uc(sealed), sealed.size()) + 512);
+                enctypt::ec627_decode_len(reinterpret_cast<const uchar*>(sealed.data()),
+                                          sealed.size()) +
+                    512);
     }
 
     void messageSeals()
@@ -107,11 +106,10 @@ private slots:
         QCOMPARE(tok, plain);
     }
 
-    // Answers and notices that decode; an 8-byte response body is never decrypted. A block that
-    // LZ4 rejects is no failure: the text is what the decompressor left in the buffer before the
-    // error, up to the first NUL byte, and never more than the bound 16 * encrypted size + 1536
-    // (the tail may hold bytes LZ4 copied before it noticed the error). A block that yields
-    // nothing is a failure.
+    // Answers and notices that decode; an 8-byte response body is never decrypted. A block LZ4
+    // rejects is no failure: the text is what the decompressor left before the error, up to the
+    // first NUL, never more than 16 * encrypted size + 1536 (the tail may hold bytes LZ4 copied
+    // before it noticed). A block that yields nothing is a failure.
     void answers_data()
     {
         QTest::addColumn<QByteArray>("head");
@@ -130,8 +128,6 @@ private slots:
             big += R"({"id":)" + QByteArray::number(QRandomGenerator::global()->generate()) +
                    R"(,"mt":138},)";
         row("plain response", "JOOS", false, R"({"a":1})", R"({"a":1})");
-        row("plain push", "KOOS", false, R"({"mt":149})", R"({"mt":149})");
-        row("compressed short", "JOOS", true, lz4("{}"), "{}");
         row("compressed big", "KOOS", true, lz4(big), big);
         row("empty plain", "JOOS", false, QByteArray(), QByteArray());
         row("garbage block", "JOOS", true, QByteArray(30, '\xff'), QByteArray());

@@ -1,5 +1,4 @@
-// ClientThread, made by ThreadManager for type 1, waits for a user id in the login record and
-// then creates its MsgClient.
+// ClientThread (ThreadManager's type 1) waits for a user id, then creates its MsgClient.
 
 #include "core/data.h"
 #include "core/datacenter.h"

@@ -1,6 +1,5 @@
-// MsgClient against a real push server and real HTTP services on 127.0.0.1 (ports picked by the
-// system), on the test thread, with scaled-down intervals and the back-off's clock under the
-// test's control.
+// MsgClient on the test thread against a real push server and HTTP services on 127.0.0.1, with
+// scaled-down intervals and the back-off's clock under the test's control.
 
 #include "core/data.h"
 #include "core/datacenter.h"
@@ -66,9 +65,8 @@ QByteArray addressAnswer(const QStringList& servers)
     return R"({"state":1,"data":{"server":[)" + list.toUtf8() + "]}}";
 }
 
-// The push server and the two HTTP services of a MsgClient. The address service fails with 503
-// `addressFailures` times, then gives `addressBody` (this push server by default); the status
-// service gives `sso`.
+// The push server and the two HTTP services: the address one fails `addressFailures` times
+// (503), then gives `addressBody` (this push server by default); the status one gives `sso`.
 struct PushServices
 {
     int addressFailures = 0;
@@ -193,8 +191,7 @@ private slots:
         QCOMPARE(m_s->push.acceptedCount(), 1);
     }
 
-    // Heartbeats go out each period; an unanswered one, like an unanswered login, sets off the
-    // watchdog: a plain status check.
+    // An unanswered heartbeat, like an unanswered login, sets off the watchdog: a plain check.
     void watchdog_data()
     {
         QTest::addColumn<bool>("answerLogin");
@@ -268,9 +265,8 @@ private slots:
         QCOMPARE(client->lastReconnectWaitMs(), 0);
     }
 
-    // A notice asks for the latest messages; an answer in the running step is not parsed but
-    // prompts a status and user-information check. With the last query still unanswered, the
-    // next notice checks instead of asking again.
+    // A notice asks for the latest messages; an answer when running is not parsed but prompts a
+    // status check. With the last query unanswered, the next notice checks instead of asking.
     void notice_data()
     {
         QTest::addColumn<bool>("answered");
@@ -444,7 +440,6 @@ private slots:
         QFETCH(QByteArray, answer);
         QFETCH(bool, cookies);
         QFETCH(bool, reconnect);
-        const int requests = cookies ? 1 : 0;
         QFETCH(QString, logout);
         QFETCH(int, waitMs);
         QFETCH(bool, repeats);
@@ -453,11 +448,11 @@ private slots:
         m_s->sso = HttpStubResponse::json(answer, httpStatus);
         std::unique_ptr<MsgClient> client = m_s->client(fastTimes(kIdleStepMs));
         client->oncheckstatus(reconnect);
-        QCOMPARE(m_s->requestsTo(kSso), requests);
+        QCOMPARE(m_s->requestsTo(kSso), int(cookies));
         QCOMPARE(logoutRecord().isLogout, !logout.isEmpty());
         QCOMPARE(logoutRecord().message, logout);
         QCOMPARE(client->lastReconnectWaitMs(), waitMs);
-        if (requests) {
+        if (cookies) {
             const HttpStubRequest request = m_s->http.requests().at(0);
             QCOMPARE(request.method, QByteArray("GET"));
             QCOMPARE(request.header("cookie"), kRecordCookie);
@@ -471,7 +466,7 @@ private slots:
             client->nextProcess();
             QCOMPARE(m_log.count("MsgClient::startRunTimer user is logout!"), 1);
         }
-        QCOMPARE(m_s->requestsTo(kSso) > requests, repeats);
+        QCOMPARE(m_s->requestsTo(kSso) > int(cookies), repeats);
         if (repeats) { // once the service answers, the reconnection is scheduled
             m_s->sso = HttpStubResponse::json(kSsoValid);
             QTRY_COMPARE_WITH_TIMEOUT(client->lastReconnectWaitMs(), 10, 10000);
