@@ -22,11 +22,6 @@ QByteArray rspHead(const char* magic, quint32 seq, bool compressed, quint32 leng
     return QByteArray(magic, 4) + le32(seq) + QByteArray(1, compressed ? 1 : 0) +
            QByteArray(3, '\x7f') + le32(length);
 }
-QByteArray seal(const QByteArray& plain)
-{
-    QByteArray sealed;
-    return pushwire::seal(plain, sealed) ? sealed : QByteArray();
-}
 } // namespace
 
 class TstStringEncrypt : public QObject
@@ -118,7 +113,8 @@ private slots:
         QTest::addColumn<int>("result");
         const auto row = [](const char* name, const char* magic, bool compressed,
                             const QByteArray& block, const QByteArray& text, int result = 0) {
-            const QByteArray body = seal(block);
+            QByteArray body; // a failed seal leaves it empty: the row then fails
+            pushwire::seal(block, body);
             QTest::newRow(name) << rspHead(magic, 77, compressed, body.size()) << body << text
                                 << result;
         };
@@ -169,43 +165,36 @@ private slots:
         } else {
             QCOMPARE(out, text);
         }
-        tagTRANSPORT_PKG_HEAD_RSP parsed;
-        if (head.size() == 16) {
-            QVERIFY(Msg_client::parseHead(head, parsed));
-            QCOMPARE(parsed.seq, quint32(head.at(4)));
-            QCOMPARE(parsed.compressed, quint8(head.at(8)));
-        }
     }
 
     void decodeFailures_data()
     {
         QTest::addColumn<QByteArray>("head");
         QTest::addColumn<QByteArray>("body");
-        QTest::addColumn<QByteArray>("line");
+        QTest::addColumn<QString>("line");
         const QByteArray body(50, 'x');
         QTest::newRow("notice 7 bytes")
             << QByteArray("LOOS") << QByteArray(7, 'n')
-            << QByteArray("decode get push notice data but in data len err [7], required len "
-                          "[8]magic_num [1397706572]");
+            << "decode get push notice data but in data len err [7], required len "
+               "[8]magic_num [1397706572]";
         QTest::newRow("4-byte head not a notice")
             << QByteArray("JOOS") << QByteArray(8, 'n')
-            << QByteArray("in data len err [8], required len [8]magic_num [1397706570]");
+            << "in data len err [8], required len [8]magic_num [1397706570]";
         QTest::newRow("request magic")
             << rspHead("IOOS", 1, false, 50) << body
-            << QByteArray("head.magic_quote [1397706569] err, MAGIC_RSP [1397706570] MAGIC_PSH "
-                          "[1397706571]");
-        QTest::newRow("length one short")
-            << rspHead("JOOS", 1, false, 49) << body
-            << QByteArray("length err head.length = [49], in.length() = [50]");
+            << "head.magic_quote [1397706569] err, MAGIC_RSP [1397706570] MAGIC_PSH "
+               "[1397706571]";
+        QTest::newRow("length one short") << rspHead("JOOS", 1, false, 49) << body
+                                          << "length err head.length = [49], in.length() = [50]";
         QTest::newRow("head 15 bytes")
             << rspHead("JOOS", 1, false, 50).left(15) << body
-            << QByteArray("length of headstring [15] not confirmed to sizeof(MSG_HEAD) [16]");
+            << "length of headstring [15] not confirmed to sizeof(MSG_HEAD) [16]";
     }
     void decodeFailures()
     {
         QFETCH(QByteArray, head);
         QFETCH(QByteArray, body);
-        QFETCH(QByteArray, line);
+        QFETCH(QString, line);
         QByteArray out("untouched");
         QCOMPARE(Msg_client::decode(head, body, out), -1);
         QCOMPARE(out, QByteArray("untouched"));
