@@ -425,14 +425,13 @@ private slots:
         QTest::addColumn<QString>("logout");
         QTest::addColumn<int>("waitMs");
         QTest::addColumn<bool>("repeats");
-        const QByteArray kicked = kSsoKicked, valid = kSsoValid;
-        QTest::newRow("logged out") << 200 << kicked << true << true << "kicked" << 0 << false;
-        QTest::newRow("no cookies") << 200 << kicked << false << true << "" << 0 << false;
-        QTest::newRow("valid, reconnect") << 200 << valid << true << true << "" << 10 << false;
+        QTest::newRow("logged out") << 200 << kSsoKicked << true << true << "kicked" << 0 << false;
+        QTest::newRow("no cookies") << 200 << kSsoKicked << false << true << "" << 0 << false;
+        QTest::newRow("valid, reconnect") << 200 << kSsoValid << true << true << "" << 10 << false;
         QTest::newRow("state 2 is valid") << 200 << QByteArray(R"({"state":2,"message":"x"})")
                                           << true << false << "" << 0 << false;
         QTest::newRow("not json") << 200 << QByteArray("no") << true << true << "" << 0 << true;
-        QTest::newRow("server error") << 500 << valid << true << false << "" << 0 << true;
+        QTest::newRow("server error") << 500 << kSsoValid << true << false << "" << 0 << true;
     }
     void status()
     {
