@@ -54,14 +54,6 @@ QByteArray readFile(const QString& path)
 
 using namespace e2e;
 
-namespace {
-QByteArray tail(const QByteArray& text)
-{
-    const QList<QByteArray> lines = linesOf(text);
-    return lines.mid(qMax(0, lines.size() - 25)).join('\n');
-}
-} // namespace
-
 bool E2eHarness::prepare()
 {
     // Only loopback: a build whose services are not the sandbox's would talk to other hosts.
@@ -70,11 +62,11 @@ bool E2eHarness::prepare()
         !QByteArray(serviceurls::kPushAddressUrl).startsWith(services))
         return false;
     m_dir.reset(new QTemporaryDir);
-    if (!m_dir->isValid() || !QDir().mkpath(tmp()) || !QDir().mkpath(home()))
+    if (!m_dir->isValid() || !QDir().mkpath(tmp()) || !QDir().mkpath(dir() + "/home"))
         return false;
     m_env = QProcessEnvironment::systemEnvironment();
     m_env.insert("TMPDIR", tmp());
-    m_env.insert("HOME", home());
+    m_env.insert("HOME", dir() + "/home");
     m_env.insert("LD_LIBRARY_PATH", QStringLiteral(D627_LIB_DIR));
     m_mainAppLock.reset(new QLockFile(m_dir->path() + "/mainapp.lock"));
     return m_mainAppLock->tryLock(1000);
@@ -169,9 +161,11 @@ QString E2eHarness::lockFile() const
 
 void E2eHarness::cleanup()
 {
-    if (QTest::currentTestFailed()) {
-        qInfo("sandbox (last lines):\n%s", tail(m_sandboxOut).constData());
-        qInfo("daemon log (last lines):\n%s", tail(daemonLog()).constData());
+    // When the test failed: the last lines of the sandbox, then of the daemon's log.
+    for (const QByteArray& text : {m_sandboxOut, daemonLog()}) {
+        const QList<QByteArray> lines = linesOf(text);
+        if (QTest::currentTestFailed())
+            qInfo("%s", lines.mid(qMax(0, lines.size() - 25)).join('\n').constData());
     }
     if (m_link)
         m_link->abort();
@@ -239,7 +233,7 @@ QByteArray E2eHarness::daemonLog() const
     QByteArray out;
     if (!m_dir)
         return out;
-    const QDir logDir(home() + "/Documents/627log/support");
+    const QDir logDir(m_dir->path() + "/home/Documents/627log/support");
     for (const QString& name : logDir.entryList({"*.log"}, QDir::Files, QDir::Name))
         out += readFile(logDir.filePath(name));
     return out;
@@ -272,10 +266,4 @@ bool E2eHarness::waitMessage(const QString& key, int from, int timeoutMs, QJsonO
             return false;
         },
         timeoutMs);
-}
-
-int E2eHarness::messageCount(const QString& key) const
-{
-    return int(std::count_if(m_received.cbegin(), m_received.cend(),
-                             [&](const QJsonObject& message) { return message.contains(key); }));
 }

@@ -72,13 +72,10 @@ public:
 
     // Waits for a message from the daemon, received at index `from` or later, that has `key`.
     bool waitMessage(const QString& key, int from, int timeoutMs, QJsonObject& found);
-    int messageCount(const QString& key) const;
 
     QString dir() const { return m_dir ? m_dir->path() : QString(); }
     QString tmp() const { return m_dir->path() + "/tmp"; }
-    QString home() const { return m_dir->path() + "/home"; }
     QString lockFile() const;
-    QProcessEnvironment& env() { return m_env; }
     QProcess& daemon() { return m_daemon; }
     QLocalSocket* link() { return m_link.data(); }
     QList<QJsonObject>& received() { return m_received; }
