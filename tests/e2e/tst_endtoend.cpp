@@ -27,7 +27,7 @@ private slots:
         QVERIFY2(h.waitLog(kRunning, 1, 15000), "the daemon did not reach the running step");
     }
     void cleanup() { h.cleanup(); }
-    void login_reachesRunningStep()
+    void loginThenProfileChangesAndNotice_reachTheMainApplication()
     {
         // The address lookup carried the user agent; the push login the user id and the cookie
         // text; the first query followed on the same connection.
@@ -45,10 +45,7 @@ private slots:
         QCOMPARE(h.sandboxCount(kStatusCheck), 0);
         QCOMPARE(h.sandboxCount("client connected"), 1);
         QCOMPARE(h.received().size(), 0);
-        QVERIFY(h.exitDaemon());
-    }
-    void profileChangesAndNotice_reachTheMainApplication()
-    {
+
         // Avatar: the sandbox drops the connection, the daemon checks the status (the answer renews
         // PHPSESSID), reconnects, and its first query brings the change.
         const QString face = QStringLiteral("http://127.0.0.1/avatars/73105.png?v=2&size=L");
@@ -93,12 +90,9 @@ private slots:
         QVERIFY2(h.waitMessage("logout", 0, 15000, message), "no logout message");
         QCOMPARE(compact(message), compact({{"logout", text}}));
 
-        QTRY_COMPARE_WITH_TIMEOUT(h.daemon().state(), QProcess::NotRunning, 5000);
-        QCOMPARE(h.daemon().exitStatus(), QProcess::NormalExit);
-        QCOMPARE(h.daemon().exitCode(), 0);
+        QVERIFY2(h.exitDaemon(false), "the logout did not end the daemon cleanly");
         QVERIFY(h.daemonLog().contains("user is logout! message is " + text.toUtf8()));
         QCOMPARE(h.sandboxCount("client connected"), 1);
-        QVERIFY(!QFileInfo::exists(h.lockFile()));
     }
     void refusedConnections_backOffLongerEachTime_thenRecover()
     {
@@ -106,7 +100,6 @@ private slots:
         // service keeps saying "logged in": each attempt fails and is followed by a back-off.
         QVERIFY(h.ctl("push mode=refuse"));
         QVERIFY(h.ctl("drop"));
-        // Connections #2, #3 and #4 are refused ones.
         QVERIFY2(h.waitSandbox("push  #4 client disconnected", 1, 25000),
                  "fewer than 3 new attempts");
         QVERIFY(h.ctl("push mode=normal"));

@@ -8,7 +8,6 @@
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QJsonDocument>
-#include <QRegularExpression>
 #include <QtTest>
 
 namespace e2e {
@@ -137,26 +136,21 @@ bool E2eHarness::login(int setting)
     return m_link->flush() || m_link->bytesToWrite() == 0;
 }
 
-bool E2eHarness::exitDaemon()
+bool E2eHarness::exitDaemon(bool ask)
 {
-    if (m_link && m_link->state() == QLocalSocket::ConnectedState) {
+    if (ask && m_link && m_link->state() == QLocalSocket::ConnectedState) {
         m_link->write(R"({"exit":true})");
         m_link->flush();
     }
     if (!waitFor([&] { return m_daemon.state() == QProcess::NotRunning; }, 15000)) {
-        qWarning("the daemon did not end after {\"exit\":true}");
+        qWarning("the daemon did not end");
         return false;
     }
     const bool clean = m_daemon.exitStatus() == QProcess::NormalExit && m_daemon.exitCode() == 0;
     if (!clean)
         qWarning("the daemon ended with status %d, code %d", int(m_daemon.exitStatus()),
                  m_daemon.exitCode());
-    return clean && !QFileInfo::exists(lockFile());
-}
-
-QString E2eHarness::lockFile() const
-{
-    return tmp() + "/d627_" + kInstanceId + "-lockfile";
+    return clean && !QFileInfo::exists(tmp() + "/d627_" + kInstanceId + "-lockfile");
 }
 
 void E2eHarness::cleanup()
@@ -241,14 +235,13 @@ QByteArray E2eHarness::daemonLog() const
 
 QList<qint64> E2eHarness::logTimes(const QByteArray& text) const
 {
-    // A line: "[<thread id>]yyyy-MM-dd hh:mm:ss.zzz  <text>".
-    static const QRegularExpression stamp(R"(^\[\d+\](\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}) )");
     QList<qint64> times;
     for (const QByteArray& line : linesOf(daemonLog())) {
-        const QRegularExpressionMatch match = stamp.match(QString::fromUtf8(line));
-        if (line.contains(text) && match.hasMatch())
-            times << QDateTime::fromString(match.captured(1), "yyyy-MM-dd hh:mm:ss.zzz")
-                         .toMSecsSinceEpoch();
+        // A line: "[<thread id>]yyyy-MM-dd hh:mm:ss.zzz  <text>".
+        const QDateTime time = QDateTime::fromString(
+            QString::fromUtf8(line.mid(line.indexOf(']') + 1, 23)), "yyyy-MM-dd hh:mm:ss.zzz");
+        if (line.contains(text) && line.startsWith('[') && time.isValid())
+            times << time.toMSecsSinceEpoch();
     }
     return times;
 }
