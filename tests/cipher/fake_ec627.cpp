@@ -1,19 +1,19 @@
 // Failure-injection library with the thirteen ec627 entry points (lib/fake-ec627/libec627.so),
-// exporting fake_ec627_calls(name), fake_ec627_reset() and fake_ec627_last_key() for the tests.
+// plus fake_ec627_calls(name), fake_ec627_reset() and fake_ec627_last_key() for the tests.
 // FAKE_EC627_MODE, read on every call: ""/"ok" bodies "ENC:"/"MSG:" + input, fixed tokens;
-// "fail" every call returns 7 (ec627_encode_token 0: no token); "initfail" both inits return 1;
-// "token47" ec627_msg_encode writes a 47-byte token; "shortlen" ec627_encode_len is -1;
-// "negative" both lengths are -600; "overlong" encoders report 100 bytes beyond the capacity;
-// "fill" m627_encode fills its buffer with 'A' and no terminator.
-// With FAKE_EC627_REAL naming a real library file every entry point forwards to it, except the
-// one named by FAKE_EC627_FAIL, which fails (-1; ec627_encode_token 0), so that the real daemon
-// meets a broken entry point; FAKE_EC627_FAIL=token_length gives a 47-byte message token.
+// "fail" every call returns 7 (ec627_encode_token 0); "initfail" both inits return 1; "token47"
+// a 47-byte message token; "shortlen" ec627_encode_len -1; "negative" both lengths -600;
+// "overlong" lengths 100 bytes beyond the capacity; "fill" m627_encode fills its buffer with 'A'
+// and no terminator. With FAKE_EC627_REAL naming a real library every entry point forwards to
+// it, except the one named by FAKE_EC627_FAIL, which fails (-1; ec627_encode_token 0), so that
+// the daemon meets a broken entry point; FAKE_EC627_FAIL=token_length: a 47-byte message token.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
 #include <map>
 #include <mutex>
+#include <numeric>
 #include <string>
 
 #define FAKE_API extern "C" __attribute__((visibility("default")))
@@ -36,9 +36,10 @@ bool is(const char* mode)
 }
 
 // Writes prefix + input into out when it fits; returns 0, or -2 for too small a capacity.
-int wrap(const char* prefix, const unsigned char* in, int n, unsigned char* out, int* len)
+template <typename Length>
+int wrap(const char* prefix, const unsigned char* in, Length n, unsigned char* out, Length* len)
 {
-    const int p = static_cast<int>(std::strlen(prefix));
+    const auto p = static_cast<Length>(std::strlen(prefix));
     if (!out || !len || n < 0 || *len < p + n)
         return -2;
     std::memcpy(out, prefix, static_cast<size_t>(p));
@@ -48,14 +49,12 @@ int wrap(const char* prefix, const unsigned char* in, int n, unsigned char* out,
     return 0;
 }
 
+// Writes the bytes 1, 2, ... size (at most 48) as a token.
 int pattern(int size, unsigned char* token, int* len)
 {
-    if (*len < size)
-        return -2;
-    for (int i = 0; i < size; ++i)
-        token[i] = static_cast<unsigned char>(i + 1);
-    *len = size;
-    return 0;
+    unsigned char bytes[48];
+    std::iota(bytes, bytes + size, 1);
+    return wrap("", bytes, size, token, len);
 }
 
 // Counts the call; returns the real library's entry point `name`, or null when not forwarding.
@@ -120,13 +119,8 @@ FAKE_API int ec627_encode_len(int n)
 FAKE_API int ec627_encode_token(unsigned int product, unsigned char* token, int* len)
 {
     FORWARD(ec627_encode_token, 0, product, token, len)
-    char text[64];
-    const int n = std::snprintf(text, sizeof text, "fake-token-%u", product);
-    if (is("fail") || *len < n)
-        return 0;
-    std::memcpy(token, text, static_cast<size_t>(n));
-    *len = n;
-    return 1;
+    const std::string text = "fake-token-" + std::to_string(product);
+    return !is("fail") && wrap(text.c_str(), nullptr, 0, token, len) == 0 ? 1 : 0;
 }
 
 FAKE_API int ec627_encode_data(const unsigned char* in, int n, unsigned char* out, int* len)
@@ -175,13 +169,10 @@ FAKE_API int ec627_msg_encode(unsigned int type, const unsigned char* in, int n,
             *tlen = 47;
         return rc;
     }
-    const int size = is("token47") ? 47 : 48;
     if (is("fail"))
         return 7;
-    if (*tlen < size)
-        return -2;
     const int rc = wrap("MSG:", in, n, out, len);
-    return rc != 0 ? rc : pattern(size, token, tlen);
+    return rc != 0 ? rc : pattern(is("token47") ? 47 : 48, token, tlen);
 }
 
 FAKE_API int ec627_encode(unsigned int type, const unsigned char* in, int n, unsigned char* out,
@@ -221,12 +212,5 @@ FAKE_API int m627_decode(const unsigned char* in, unsigned int n, unsigned char*
 {
     FORWARD(m627_decode, -1, in, n, out, len, key, scratch)
     g_lastKey = key ? reinterpret_cast<const char*>(key) : "(null)";
-    if (is("fail"))
-        return 7;
-    if (*len < n)
-        return -2;
-    if (n)
-        std::memcpy(out, in, n);
-    *len = n;
-    return 0;
+    return is("fail") ? 7 : wrap("", in, n, out, len);
 }

@@ -54,10 +54,8 @@ private slots:
     {
         QCOMPARE(se()->token(), QString(128, QChar(0)));
         QCOMPARE(m_log.count("load lib ec627 failed!"), 2); // one per init function
-        QVERIFY(m_log.contains("init m627 failed!"));
-        QVERIFY(m_log.contains("init ec627 failed!"));
-        m_log.mark(); // a second Init retries both
-        se()->Init();
+        m_log.mark();
+        se()->Init(); // a second Init retries both
         QCOMPARE(m_log.count("load lib ec627 failed!"), 2);
         QCOMPARE(m_log.count("init ec627 failed!"), 1);
         QCOMPARE(se()->Ec627DecodeLen("abc"), 511); // -1 + 512

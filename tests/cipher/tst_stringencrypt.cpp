@@ -11,9 +11,6 @@
 #include <QtTest>
 
 namespace {
-const auto uc = [](const QByteArray& b) {
-    return reinterpret_cast<const unsigned char*>(b.data());
-};
 QByteArray le32(quint32 v)
 {
     QByteArray b;
@@ -24,11 +21,6 @@ QByteArray rspHead(const char* magic, quint32 seq, bool compressed, quint32 leng
 {
     return QByteArray(magic, 4) + le32(seq) + QByteArray(1, compressed ? 1 : 0) +
            QByteArray(3, '\x7f') + le32(length);
-}
-QByteArray seal(const QByteArray& plain)
-{
-    QByteArray sealed;
-    return pushwire::seal(plain, sealed) ? sealed : QByteArray();
 }
 } // namespace
 
@@ -72,22 +64,9 @@ private slots:
         QCOMPARE(opened, plain);
         // The decoder's bound is the encode bound, not the decode length.
         QCOMPARE(se()->Ec627DecodeLen(sealed), enctypt::ec627_encode_len(sealed.size()) + 512);
+        const auto* bytes = reinterpret_cast<const uchar*>(sealed.constData());
         QVERIFY(se()->Ec627DecodeLen(sealed) !=
-                enctypt::ec627_decode_len(uc(sealed), sealed.size()) + 512);
-    }
-
-    void badInputLeavesOutput()
-    {
-        const QByteArray sealed = seal("secret");
-        QByteArray flipped = sealed;
-        flipped[30] = char(flipped.at(30) ^ 0x10);
-        QByteArray out("untouched");
-        for (const QByteArray& bad :
-             {flipped, sealed.chopped(1), QByteArray(), QByteArray(39, 'a')})
-            QVERIFY(se()->Ec627Decode(bad, out) != 0);
-        QVERIFY(se()->M627Encode("short", out) != 0); // capacity 10 x input: too small below 7
-        QVERIFY(se()->M627Encode(QByteArray(), out) != 0);
-        QCOMPARE(out, QByteArray("untouched"));
+                enctypt::ec627_decode_len(bytes, sealed.size()) + 512);
     }
 
     void messageSeals()
@@ -113,23 +92,18 @@ private slots:
         QCOMPARE(se()->M627Encode(plain, body), 0);
         QCOMPARE(se()->M627Decode(body, tok), 0);
         QCOMPARE(tok, plain);
-    }
-
-    // Cipher text is base64, a third longer than the plain text: 245 characters still fit.
-    void formLengthBound()
-    {
-        QVERIFY(get_m627_encode_at(QString(245, 'x'), 1).startsWith("data="));
+        QVERIFY(get_m627_encode_at(QString(plain), 1).startsWith("data="));
         QVERIFY(m_log.contains("init lib success!"));
-        QVERIFY(!m_log.contains("failed to encode"));
-        QCOMPARE(get_m627_encode_at(QString(246, 'x'), 1), QString());
-        QVERIFY(m_log.contains("failed to encode"));
+        // Capacity 10 x input: too small below 7 bytes; a failure leaves the output alone.
+        QVERIFY(se()->M627Encode("short", tok) != 0);
+        QVERIFY(se()->M627Encode(QByteArray(), tok) != 0);
+        QCOMPARE(tok, plain);
     }
 
-    // Answers and notices that decode; an 8-byte response body is never decrypted. A block that
-    // LZ4 rejects is no failure: the text is what the decompressor left in the buffer before the
-    // error, up to the first NUL byte, and never more than the bound 16 * encrypted size + 1536
-    // (the tail may hold bytes LZ4 copied before it noticed the error). A block that yields
-    // nothing is a failure.
+    // Answers and notices that decode; an 8-byte response body is never decrypted. A block LZ4
+    // rejects is no failure: the text is what the decompressor left before the error, up to the
+    // first NUL, never more than 16 * encrypted size + 1536 (the tail may hold bytes LZ4 copied
+    // before it noticed). A block that yields nothing is a failure.
     void answers_data()
     {
         QTest::addColumn<QByteArray>("head");
@@ -138,7 +112,8 @@ private slots:
         QTest::addColumn<int>("result");
         const auto row = [](const char* name, const char* magic, bool compressed,
                             const QByteArray& block, const QByteArray& text, int result = 0) {
-            const QByteArray body = seal(block);
+            QByteArray body; // a failed seal leaves it empty: the row then fails
+            pushwire::seal(block, body);
             QTest::newRow(name) << rspHead(magic, 77, compressed, body.size()) << body << text
                                 << result;
         };
@@ -148,8 +123,6 @@ private slots:
             big += R"({"id":)" + QByteArray::number(QRandomGenerator::global()->generate()) +
                    R"(,"mt":138},)";
         row("plain response", "JOOS", false, R"({"a":1})", R"({"a":1})");
-        row("plain push", "KOOS", false, R"({"mt":149})", R"({"mt":149})");
-        row("compressed short", "JOOS", true, lz4("{}"), "{}");
         row("compressed big", "KOOS", true, lz4(big), big);
         row("empty plain", "JOOS", false, QByteArray(), QByteArray());
         row("garbage block", "JOOS", true, QByteArray(30, '\xff'), QByteArray());
@@ -191,57 +164,40 @@ private slots:
         } else {
             QCOMPARE(out, text);
         }
-        tagTRANSPORT_PKG_HEAD_RSP parsed;
-        if (head.size() == 16) {
-            QVERIFY(Msg_client::parseHead(head, parsed));
-            QCOMPARE(parsed.seq, quint32(head.at(4)));
-            QCOMPARE(parsed.compressed, quint8(head.at(8)));
-        }
     }
 
     void decodeFailures_data()
     {
         QTest::addColumn<QByteArray>("head");
         QTest::addColumn<QByteArray>("body");
-        QTest::addColumn<QByteArray>("line");
+        QTest::addColumn<QString>("line");
         const QByteArray body(50, 'x');
         QTest::newRow("notice 7 bytes")
             << QByteArray("LOOS") << QByteArray(7, 'n')
-            << QByteArray("decode get push notice data but in data len err [7], required len "
-                          "[8]magic_num [1397706572]");
+            << "decode get push notice data but in data len err [7], required len "
+               "[8]magic_num [1397706572]";
         QTest::newRow("4-byte head not a notice")
             << QByteArray("JOOS") << QByteArray(8, 'n')
-            << QByteArray("in data len err [8], required len [8]magic_num [1397706570]");
+            << "in data len err [8], required len [8]magic_num [1397706570]";
         QTest::newRow("request magic")
             << rspHead("IOOS", 1, false, 50) << body
-            << QByteArray("head.magic_quote [1397706569] err, MAGIC_RSP [1397706570] MAGIC_PSH "
-                          "[1397706571]");
-        QTest::newRow("length one short")
-            << rspHead("JOOS", 1, false, 49) << body
-            << QByteArray("length err head.length = [49], in.length() = [50]");
+            << "head.magic_quote [1397706569] err, MAGIC_RSP [1397706570] MAGIC_PSH "
+               "[1397706571]";
+        QTest::newRow("length one short") << rspHead("JOOS", 1, false, 49) << body
+                                          << "length err head.length = [49], in.length() = [50]";
         QTest::newRow("head 15 bytes")
             << rspHead("JOOS", 1, false, 50).left(15) << body
-            << QByteArray("length of headstring [15] not confirmed to sizeof(MSG_HEAD) [16]");
-        QByteArray tampered = seal("hello world");
-        tampered[tampered.size() - 1] = char(tampered.at(tampered.size() - 1) ^ 1);
-        QTest::newRow("tampered") << rspHead("JOOS", 3, false, tampered.size()) << tampered
-                                  << QByteArray("ec627_decode fail");
-        const QByteArray truncated = seal("hello world").chopped(1);
-        QTest::newRow("truncated") << rspHead("JOOS", 3, true, truncated.size()) << truncated
-                                   << QByteArray("ec627_decode fail");
+            << "length of headstring [15] not confirmed to sizeof(MSG_HEAD) [16]";
     }
     void decodeFailures()
     {
         QFETCH(QByteArray, head);
         QFETCH(QByteArray, body);
-        QFETCH(QByteArray, line);
-        const bool debug = line == "ec627_decode fail"; // a debug line, not in the log
-        if (debug)
-            QTest::ignoreMessage(QtDebugMsg, line.constData());
+        QFETCH(QString, line);
         QByteArray out("untouched");
         QCOMPARE(Msg_client::decode(head, body, out), -1);
         QCOMPARE(out, QByteArray("untouched"));
-        QVERIFY2(debug || m_log.contains(line), qPrintable(m_log.since()));
+        QVERIFY2(m_log.contains(line), qPrintable(m_log.since()));
     }
 };
 

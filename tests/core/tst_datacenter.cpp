@@ -8,45 +8,17 @@ class tst_DataCenter : public QObject
     Q_OBJECT
 private slots:
     void cleanup() { DataCenter::destroyInstance(); }
-    void freshInstance_defaults()
+    void defaultsAndPendingChanges()
     {
         DataCenter* center = DataCenter::getInstance();
-        QVERIFY(center->IsMainAppExist());
-        QVERIFY(!center->isNetError());
-        QVERIFY(!center->IsVipChanged());
-        QVERIFY(!center->isUserFaceChanged());
+        QVERIFY(center->IsMainAppExist() && !center->isNetError());
         QCOMPARE(center->GetLogLevel(), 0);
         QCOMPARE(center->GetMainAppId(), 0);
         QVERIFY(center->GetMainLockFile().isNull());
-        CLogoutInfor logout;
-        logout.isLogout = true;
+        CLogoutInfor logout{true, {}};
         center->GetLogoutInfor(logout);
         QVERIFY(!logout.isLogout);
-    }
-    void setSetting_data()
-    {
-        QTest::addColumn<int>("bits");
-        QTest::addColumn<bool>("rc");
-        QTest::addColumn<bool>("https");
-        QTest::addColumn<bool>("encrypt");
-        QTest::newRow("7 sets all") << 7 << true << true << true;
-        QTest::newRow("8 clears all") << 8 << false << false << false;
-        QTest::newRow("2 https only") << 2 << false << true << false;
-        QTest::newRow("13 rc and encrypt") << 13 << true << false << true;
-    }
-    void setSetting()
-    {
-        QFETCH(int, bits);
-        DataCenter* center = DataCenter::getInstance();
-        center->SetSetting(7);
-        center->SetSetting(bits);
-        QTEST(center->isRcEnvironment(), "rc");
-        QTEST(center->isHttpsRequest(), "https");
-        QTEST(center->isEncryptRequest(), "encrypt");
-    }
-    void pendingChanges()
-    {
-        DataCenter* center = DataCenter::getInstance();
+        QVERIFY(!center->IsVipChanged() && !center->isUserFaceChanged());
         center->SetVipInfor(-1, 5);
         QVERIFY(center->IsVipChanged());
         center->SetVipInfor(3, -1);
@@ -58,18 +30,33 @@ private slots:
         center->SetUserFace(QString());
         QVERIFY(!center->isUserFaceChanged());
     }
+    void setSetting_data()
+    {
+        QTest::addColumn<int>("bits");
+        QTest::addColumn<bool>("rc");
+        QTest::addColumn<bool>("https");
+        QTest::addColumn<bool>("encrypt");
+        QTest::newRow("7 sets all") << 7 << true << true << true;
+        QTest::newRow("2 https only") << 2 << false << true << false;
+        QTest::newRow("13 rc and encrypt, 8 ignored") << 13 << true << false << true;
+    }
+    void setSetting()
+    {
+        QFETCH(int, bits);
+        DataCenter* center = DataCenter::getInstance();
+        center->SetSetting(7);
+        center->SetSetting(bits);
+        QTEST(center->isRcEnvironment(), "rc");
+        QTEST(center->isHttpsRequest(), "https");
+        QTEST(center->isEncryptRequest(), "encrypt");
+    }
     // A writer thread swaps between two complete records; readers must never see a mix.
     void records_concurrentCopiesStayWhole()
     {
         DataCenter* center = DataCenter::getInstance();
-        CLoginInfor a;
-        a.userId = "1";
-        a.cookies.insert("cookie", "one");
-        CLoginInfor b;
-        b.userId = "2";
-        b.cookies.insert("cookie", "two");
+        const CLoginInfor a{{{"cookie", "one"}}, "1"};
+        const CLoginInfor b{{{"cookie", "two"}}, "2"};
         center->SetLoginInfor(a);
-
         std::atomic<bool> stop{false};
         QThread* writer = QThread::create([&] {
             for (int i = 0; !stop.load(); ++i)

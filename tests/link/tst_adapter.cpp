@@ -18,10 +18,8 @@ constexpr int kTimedOut = 99;
 // Runs the event loop until QCoreApplication::exit() or the time-out (then kTimedOut).
 int execUntilExit(int timeoutMs)
 {
-    QTimer guard;
-    guard.setSingleShot(true);
-    QObject::connect(&guard, &QTimer::timeout, [] { QCoreApplication::exit(kTimedOut); });
-    guard.start(timeoutMs);
+    const QObject guard; // ends the timer with this call
+    QTimer::singleShot(timeoutMs, &guard, [] { QCoreApplication::exit(kTimedOut); });
     return QCoreApplication::exec();
 }
 } // namespace
@@ -31,204 +29,187 @@ class tst_Adapter : public QObject
 {
     Q_OBJECT
 private slots:
-    void init();
-    void cleanup();
-    void logoutRecord_sendsLogoutThenExits();
-    void ignored_data();
-    void ignored();
-    void loginMessage_fillsDataCenterAndRequestsClientThread();
-    void pendingChanges_data();
-    void pendingChanges();
-    void linkDown_watchdogRunsAndChangesAreDropped();
+    // Reset field by field: a client thread of an earlier test may still be reading the DataCenter.
+    void init()
+    {
+        QVERIFY(QDir().mkpath(m_dir.path() + "/tmp"));
+        qputenv("TMPDIR", (m_dir.path() + "/tmp").toUtf8());
+        qputenv("HOME", m_dir.path().toUtf8());
+        DataCenter* center = DataCenter::getInstance();
+        center->SetLogLevel(0);
+        center->SetNetError(false);
+        center->SetUserFace(QString());
+        center->SetVipInfor(-1, -1);
+        center->SetLogoutInfor(CLogoutInfor());
+        center->SetMainAppExist(true);
+        center->SetMainAppId(0);
+        center->SetMainLockFile(QString());
+        center->SetLoginInfor(CLoginInfor());
+        m_adapter.reset(new Adapter);
+        QCOMPARE(m_adapter->start(), 1);
+        connectClient();
+    }
+    void cleanup()
+    {
+        m_client.reset();
+        m_adapter.reset();
+        ThreadManager* manager = ThreadManager::GetInstance();
+        manager->StopThread(4, QVariant("MainAppDetect"));
+        QTRY_VERIFY_WITH_TIMEOUT(!manager->IsExist(4), 30000);
+        manager->CleanThread();
+        const QList<QByteArray> bad = std::exchange(m_badMessages, {});
+        QVERIFY2(bad.isEmpty(), bad.value(0).constData());
+    }
+    // The ends on an exit message and on the main application gone are run with the real daemon.
+    void logoutRecord_sendsLogoutThenExits()
+    {
+        const CLogoutInfor logout{true, QString::fromUtf8("kicked \xe2\x9c\x93")};
+        DataCenter::getInstance()->SetUserFace("http://also/pending");
+        DataCenter::getInstance()->SetLogoutInfor(logout);
+        QCOMPARE(execUntilExit(30000), 0);
+        QCOMPARE(nextMessage(), QJsonObject({{"logout", logout.message}}));
+    }
+    // None of these ends the loop, replies, or sets the pid, log level, https flag or user id.
+    void ignored_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::newRow("exit false")
+            << QByteArray(R"({"exit":false,"user_id":"42","loglevel":1,"setting":7,"pid":9})");
+        QTest::newRow("exit not a boolean")
+            << QByteArray(R"({"exit":1,"user_id":"42","loglevel":1,"pid":9})");
+        QTest::newRow("unparsable") << QByteArray(R"({"exit":true)");
+        QTest::newRow("wrong types read as defaults") << QByteArray(
+            R"({"user_id":77,"cookie":true,"setting":"7","pid":"12","loglevel":"1"})");
+        QTest::newRow("level zero: no log") << QByteArray(R"({"user_id":"","loglevel":0})");
+    }
+    void ignored()
+    {
+        QFETCH(QByteArray, bytes);
+        const QDir logs(m_dir.path() + "/Documents/627log/support");
+        const QStringList before = logs.entryList(QDir::Files);
+        m_client->write(bytes);
+        QVERIFY(m_client->waitForBytesWritten(30000));
+        QCOMPARE(execUntilExit(500), kTimedOut);
+        DataCenter* center = DataCenter::getInstance();
+        CLoginInfor login;
+        center->GetLoginInfor(login);
+        QVERIFY(login.userId.isEmpty() && login.cookies.value("cookie").isEmpty());
+        QCOMPARE(center->GetLogLevel(), 0);
+        QCOMPARE(center->GetMainAppId(), 0);
+        QVERIFY(!center->isHttpsRequest());
+        QCOMPARE(logs.entryList(QDir::Files), before);
+        QVERIFY(nextMessage(100).isEmpty());
+    }
+    void loginMessage_fillsDataCenterAndRequestsClientThread()
+    {
+        DataCenter* center = DataCenter::getInstance();
+        center->SetLogoutInfor({false, "old"});
+        center->SetMainAppExist(false);
+        m_client->write(
+            R"({"user_id":"1001","cookie":"USERSESSIONID=u;PHPSESSID=p;","setting":6,)"
+            R"("user_agent":"agent/1.0","pid":4321,"lockfile":"/tmp/main.lock","loglevel":1})");
+        QVERIFY(m_client->waitForBytesWritten(30000));
+
+        QTRY_COMPARE_WITH_TIMEOUT(center->GetLogLevel(), 1, 30000); // the last key handled
+        CLoginInfor login;
+        center->GetLoginInfor(login);
+        QCOMPARE(login.userId, QString("1001"));
+        QCOMPARE(login.cookies,
+                 (QMap<QString, QString>{{"cookie", "USERSESSIONID=u;PHPSESSID=p;"}}));
+        QVERIFY(!center->isRcEnvironment() && center->isHttpsRequest() &&
+                center->isEncryptRequest());
+        QCOMPARE(center->GetUserAgent(), QString("agent/1.0"));
+        QCOMPARE(center->GetMainAppId(), 4321);
+        QCOMPARE(center->GetMainLockFile(), QString("/tmp/main.lock"));
+        CLogoutInfor logout;
+        center->GetLogoutInfor(logout);
+        QVERIFY(logout.message.isEmpty() && center->IsMainAppExist());
+        const QString logFile = LogManager::getInstance()->fileName();
+        QVERIFY(QFile::exists(logFile) && ThreadManager::GetInstance()->IsExist(1));
+
+        // A repeated login opens a fresh file and is refused a second client thread.
+        QTest::qWait(1100);
+        m_client->write(R"({"user_id":"1001","loglevel":1})");
+        QVERIFY(m_client->waitForBytesWritten(30000));
+        QTRY_VERIFY_WITH_TIMEOUT(LogManager::getInstance()->fileName() != logFile, 30000);
+        QFile file(LogManager::getInstance()->fileName());
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QVERIFY(file.readAll().contains("exist the same valid thread"));
+    }
+    // The row is the message expected; the changes that should produce it are read from it.
+    // "\/" for "/": moc would read "//" in a raw string as a comment.
+    void pendingChanges_data()
+    {
+        QTest::addColumn<QByteArray>("message");
+        QTest::newRow("network only") << QByteArray(R"({"net_error":true})");
+        QTest::newRow("avatar only") << QByteArray(R"({"user_face":"http:\/\/f/1.png"})");
+        QTest::newRow("membership only")
+            << QByteArray(R"({"expire_time":1900000000,"vip_level":5})");
+        QTest::newRow("membership, level unset")
+            << QByteArray(R"({"expire_time":7,"vip_level":-1})");
+        QTest::newRow("all four") << QByteArray(R"({"expire_time":8589934592,"net_error":true,)"
+                                                R"("user_face":"http:\/\/f/3.png","vip_level":3})");
+    }
+    void pendingChanges()
+    {
+        QFETCH(QByteArray, message);
+        const QJsonObject expected = QJsonDocument::fromJson(message).object();
+        const bool net = expected.value("net_error").toBool();
+        DataCenter* center = DataCenter::getInstance();
+        center->SetNetError(net);
+        center->SetUserFace(expected.value("user_face").toString());
+        center->SetVipInfor(expected.value("vip_level").toInt(-1),
+                            qint64(expected.value("expire_time").toDouble(-1)));
+        QCOMPARE(nextMessage(), expected);
+        QVERIFY(!center->isUserFaceChanged() && !center->IsVipChanged());
+        // Reported once only; a network flag flipped twice between ticks is no change either.
+        center->SetNetError(!net);
+        center->SetNetError(net);
+        QVERIFY(nextMessage(500).isEmpty());
+        if (net) {
+            center->SetNetError(false);
+            QCOMPARE(nextMessage(), QJsonObject({{"net_error", false}}));
+        }
+    }
+    void linkDown_watchdogRunsAndChangesAreDropped()
+    {
+        ThreadManager* manager = ThreadManager::GetInstance();
+        QVERIFY(!manager->IsExist(4));
+        m_client->disconnectFromServer();
+        QTRY_VERIFY_WITH_TIMEOUT(manager->IsExist(4), 30000);
+        DataCenter::getInstance()->SetUserFace("http://lost");
+        QTRY_VERIFY_WITH_TIMEOUT(!DataCenter::getInstance()->isUserFaceChanged(), 30000);
+        connectClient();
+        // Stopped, not waited for: it finishes after its current pause.
+        QTRY_VERIFY_WITH_TIMEOUT(!manager->IsExist(4), 30000);
+        QVERIFY(nextMessage(500).isEmpty());
+    }
 
 private:
-    void connectClient();
-    QJsonObject nextMessage(int timeoutMs = 30000);
+    void connectClient()
+    {
+        m_client.reset(new QLocalSocket);
+        m_client->connectToServer(QString::fromLatin1(kInstanceId));
+        QVERIFY(m_client->waitForConnected(30000));
+        QTest::qWait(50); // let the adapter take the connection
+    }
+    QJsonObject nextMessage(int timeoutMs = 30000)
+    {
+        if (!QTest::qWaitFor([this] { return m_client->bytesAvailable() > 0; }, timeoutMs))
+            return {};
+        const QByteArray bytes = m_client->readAll();
+        // Compact, unframed: exactly one serialised object; anything else fails in cleanup().
+        const QJsonDocument document = QJsonDocument::fromJson(bytes);
+        if (!document.isObject() || bytes != document.toJson(QJsonDocument::Compact))
+            m_badMessages << bytes;
+        return document.object();
+    }
 
     QTemporaryDir m_dir;
     QScopedPointer<Adapter> m_adapter;
     QScopedPointer<QLocalSocket> m_client;
     QList<QByteArray> m_badMessages;
 };
-
-// Reset field by field: a client thread of an earlier test may still be reading the DataCenter.
-void tst_Adapter::init()
-{
-    QVERIFY(QDir().mkpath(m_dir.path() + "/tmp"));
-    qputenv("TMPDIR", (m_dir.path() + "/tmp").toUtf8());
-    qputenv("HOME", m_dir.path().toUtf8());
-    DataCenter* center = DataCenter::getInstance();
-    center->SetLogLevel(0);
-    center->SetNetError(false);
-    center->SetUserFace(QString());
-    center->SetVipInfor(-1, -1);
-    center->SetLogoutInfor(CLogoutInfor());
-    center->SetMainAppExist(true);
-    center->SetMainAppId(0);
-    center->SetMainLockFile(QString());
-    center->SetLoginInfor(CLoginInfor());
-    m_adapter.reset(new Adapter);
-    QCOMPARE(m_adapter->start(), 1);
-    connectClient();
-}
-
-void tst_Adapter::cleanup()
-{
-    m_client.reset();
-    m_adapter.reset();
-    ThreadManager* manager = ThreadManager::GetInstance();
-    manager->StopThread(4, QVariant("MainAppDetect"));
-    QTRY_VERIFY_WITH_TIMEOUT(!manager->IsExist(4), 30000);
-    manager->CleanThread();
-    const QList<QByteArray> bad = std::exchange(m_badMessages, {});
-    QVERIFY2(bad.isEmpty(), bad.value(0).constData());
-}
-
-void tst_Adapter::connectClient()
-{
-    m_client.reset(new QLocalSocket);
-    m_client->connectToServer(QString::fromLatin1(kInstanceId));
-    QVERIFY(m_client->waitForConnected(30000));
-    QTest::qWait(50); // let the adapter take the connection
-}
-
-QJsonObject tst_Adapter::nextMessage(int timeoutMs)
-{
-    if (!QTest::qWaitFor([this] { return m_client->bytesAvailable() > 0; }, timeoutMs))
-        return {};
-    const QByteArray bytes = m_client->readAll();
-    // Compact, unframed: exactly one serialised object; anything else fails in cleanup().
-    const QJsonDocument document = QJsonDocument::fromJson(bytes);
-    if (!document.isObject() || bytes != document.toJson(QJsonDocument::Compact))
-        m_badMessages << bytes;
-    return document.object();
-}
-
-// The ends on an exit message and on the main application gone are run with the real daemon.
-void tst_Adapter::logoutRecord_sendsLogoutThenExits()
-{
-    const CLogoutInfor logout{true, QString::fromUtf8("kicked \xe2\x9c\x93")};
-    DataCenter::getInstance()->SetUserFace("http://also/pending");
-    DataCenter::getInstance()->SetLogoutInfor(logout);
-    QCOMPARE(execUntilExit(30000), 0);
-    QCOMPARE(nextMessage(), QJsonObject({{"logout", logout.message}}));
-}
-
-// None of these ends the loop, replies, or sets the pid, log level, https flag or user id.
-void tst_Adapter::ignored_data()
-{
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::newRow("exit false") << QByteArray(
-        R"({"exit":false,"user_id":"42","loglevel":1,"setting":7,"pid":9})");
-    QTest::newRow("exit not a boolean")
-        << QByteArray(R"({"exit":1,"user_id":"42","loglevel":1,"pid":9})");
-    QTest::newRow("unparsable") << QByteArray(R"({"exit":true)");
-    QTest::newRow("wrong types read as defaults")
-        << QByteArray(R"({"user_id":77,"cookie":true,"setting":"7","pid":"12","loglevel":"1"})");
-    QTest::newRow("level zero: no log") << QByteArray(R"({"user_id":"","loglevel":0})");
-}
-
-void tst_Adapter::ignored()
-{
-    QFETCH(QByteArray, bytes);
-    const QDir logs(m_dir.path() + "/Documents/627log/support");
-    const QStringList before = logs.entryList(QDir::Files);
-    m_client->write(bytes);
-    QVERIFY(m_client->waitForBytesWritten(30000));
-    QCOMPARE(execUntilExit(500), kTimedOut);
-    DataCenter* center = DataCenter::getInstance();
-    CLoginInfor login;
-    center->GetLoginInfor(login);
-    QVERIFY(login.userId.isEmpty() && login.cookies.value("cookie").isEmpty());
-    QCOMPARE(center->GetLogLevel(), 0);
-    QCOMPARE(center->GetMainAppId(), 0);
-    QVERIFY(!center->isHttpsRequest());
-    QCOMPARE(logs.entryList(QDir::Files), before);
-    QVERIFY(nextMessage(100).isEmpty());
-}
-
-void tst_Adapter::loginMessage_fillsDataCenterAndRequestsClientThread()
-{
-    DataCenter* center = DataCenter::getInstance();
-    center->SetLogoutInfor({false, "old"});
-    center->SetMainAppExist(false);
-    m_client->write(
-        R"({"user_id":"1001","cookie":"USERSESSIONID=u;PHPSESSID=p;","setting":6,)"
-        R"("user_agent":"agent/1.0","pid":4321,"lockfile":"/tmp/main.lock","loglevel":1})");
-    QVERIFY(m_client->waitForBytesWritten(30000));
-
-    QTRY_COMPARE_WITH_TIMEOUT(center->GetLogLevel(), 1, 30000); // the last key handled
-    CLoginInfor login;
-    center->GetLoginInfor(login);
-    QCOMPARE(login.userId, QString("1001"));
-    QCOMPARE(login.cookies, (QMap<QString, QString>{{"cookie", "USERSESSIONID=u;PHPSESSID=p;"}}));
-    QVERIFY(!center->isRcEnvironment() && center->isHttpsRequest() && center->isEncryptRequest());
-    QCOMPARE(center->GetUserAgent(), QString("agent/1.0"));
-    QCOMPARE(center->GetMainAppId(), 4321);
-    QCOMPARE(center->GetMainLockFile(), QString("/tmp/main.lock"));
-    CLogoutInfor logout;
-    center->GetLogoutInfor(logout);
-    QVERIFY(logout.message.isEmpty() && center->IsMainAppExist());
-    const QString logFile = LogManager::getInstance()->fileName();
-    QVERIFY(QFile::exists(logFile) && ThreadManager::GetInstance()->IsExist(1));
-
-    // A repeated login opens a fresh file and is refused a second client thread.
-    QTest::qWait(1100);
-    m_client->write(R"({"user_id":"1001","loglevel":1})");
-    QVERIFY(m_client->waitForBytesWritten(30000));
-    QTRY_VERIFY_WITH_TIMEOUT(LogManager::getInstance()->fileName() != logFile, 30000);
-    QFile file(LogManager::getInstance()->fileName());
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QVERIFY(file.readAll().contains("exist the same valid thread"));
-}
-
-// The row is the message expected; the changes that should produce it are read from it.
-void tst_Adapter::pendingChanges_data()
-{
-    QTest::addColumn<QByteArray>("message");
-    QTest::newRow("network only") << QByteArray(R"({"net_error":true})");
-    QTest::newRow("avatar only") << QByteArray(R"({"user_face":"http://f/1.png"})");
-    QTest::newRow("membership only") << QByteArray(R"({"expire_time":1900000000,"vip_level":5})");
-    QTest::newRow("membership, level unset") << QByteArray(R"({"expire_time":7,"vip_level":-1})");
-    QTest::newRow("all four") << QByteArray(R"({"expire_time":8589934592,"net_error":true,)"
-                                            R"("user_face":"http://f/3.png","vip_level":3})");
-}
-
-void tst_Adapter::pendingChanges()
-{
-    QFETCH(QByteArray, message);
-    const QJsonObject expected = QJsonDocument::fromJson(message).object();
-    const bool net = expected.value("net_error").toBool();
-    DataCenter* center = DataCenter::getInstance();
-    center->SetNetError(net);
-    center->SetUserFace(expected.value("user_face").toString());
-    center->SetVipInfor(expected.value("vip_level").toInt(-1),
-                        qint64(expected.value("expire_time").toDouble(-1)));
-    QCOMPARE(nextMessage(), expected);
-    QVERIFY(!center->isUserFaceChanged() && !center->IsVipChanged());
-    // Reported once only; a network flag flipped twice between ticks is no change either.
-    center->SetNetError(!net);
-    center->SetNetError(net);
-    QVERIFY(nextMessage(500).isEmpty());
-    if (net) {
-        center->SetNetError(false);
-        QCOMPARE(nextMessage(), QJsonObject({{"net_error", false}}));
-    }
-}
-
-void tst_Adapter::linkDown_watchdogRunsAndChangesAreDropped()
-{
-    ThreadManager* manager = ThreadManager::GetInstance();
-    QVERIFY(!manager->IsExist(4));
-    m_client->disconnectFromServer();
-    QTRY_VERIFY_WITH_TIMEOUT(manager->IsExist(4), 30000);
-    DataCenter::getInstance()->SetUserFace("http://lost");
-    QTRY_VERIFY_WITH_TIMEOUT(!DataCenter::getInstance()->isUserFaceChanged(), 30000);
-    connectClient();
-    // Stopped, not waited for: it finishes after its current pause.
-    QTRY_VERIFY_WITH_TIMEOUT(!manager->IsExist(4), 30000);
-    QVERIFY(nextMessage(500).isEmpty());
-}
 
 QTEST_GUILESS_MAIN(tst_Adapter)
 #include "tst_adapter.moc"

@@ -8,7 +8,6 @@
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QJsonDocument>
-#include <QRegularExpression>
 #include <QtTest>
 
 namespace e2e {
@@ -54,14 +53,6 @@ QByteArray readFile(const QString& path)
 
 using namespace e2e;
 
-namespace {
-QByteArray tail(const QByteArray& text)
-{
-    const QList<QByteArray> lines = linesOf(text);
-    return lines.mid(qMax(0, lines.size() - 25)).join('\n');
-}
-} // namespace
-
 bool E2eHarness::prepare()
 {
     // Only loopback: a build whose services are not the sandbox's would talk to other hosts.
@@ -70,11 +61,11 @@ bool E2eHarness::prepare()
         !QByteArray(serviceurls::kPushAddressUrl).startsWith(services))
         return false;
     m_dir.reset(new QTemporaryDir);
-    if (!m_dir->isValid() || !QDir().mkpath(tmp()) || !QDir().mkpath(home()))
+    if (!m_dir->isValid() || !QDir().mkpath(tmp()) || !QDir().mkpath(dir() + "/home"))
         return false;
     m_env = QProcessEnvironment::systemEnvironment();
     m_env.insert("TMPDIR", tmp());
-    m_env.insert("HOME", home());
+    m_env.insert("HOME", dir() + "/home");
     m_env.insert("LD_LIBRARY_PATH", QStringLiteral(D627_LIB_DIR));
     m_mainAppLock.reset(new QLockFile(m_dir->path() + "/mainapp.lock"));
     return m_mainAppLock->tryLock(1000);
@@ -145,33 +136,30 @@ bool E2eHarness::login(int setting)
     return m_link->flush() || m_link->bytesToWrite() == 0;
 }
 
-bool E2eHarness::exitDaemon()
+bool E2eHarness::exitDaemon(bool ask)
 {
-    if (m_link && m_link->state() == QLocalSocket::ConnectedState) {
+    if (ask && m_link && m_link->state() == QLocalSocket::ConnectedState) {
         m_link->write(R"({"exit":true})");
         m_link->flush();
     }
     if (!waitFor([&] { return m_daemon.state() == QProcess::NotRunning; }, 15000)) {
-        qWarning("the daemon did not end after {\"exit\":true}");
+        qWarning("the daemon did not end");
         return false;
     }
     const bool clean = m_daemon.exitStatus() == QProcess::NormalExit && m_daemon.exitCode() == 0;
     if (!clean)
         qWarning("the daemon ended with status %d, code %d", int(m_daemon.exitStatus()),
                  m_daemon.exitCode());
-    return clean && !QFileInfo::exists(lockFile());
-}
-
-QString E2eHarness::lockFile() const
-{
-    return tmp() + "/d627_" + kInstanceId + "-lockfile";
+    return clean && !QFileInfo::exists(tmp() + "/d627_" + kInstanceId + "-lockfile");
 }
 
 void E2eHarness::cleanup()
 {
-    if (QTest::currentTestFailed()) {
-        qInfo("sandbox (last lines):\n%s", tail(m_sandboxOut).constData());
-        qInfo("daemon log (last lines):\n%s", tail(daemonLog()).constData());
+    // When the test failed: the last lines of the sandbox, then of the daemon's log.
+    for (const QByteArray& text : {m_sandboxOut, daemonLog()}) {
+        const QList<QByteArray> lines = linesOf(text);
+        if (QTest::currentTestFailed())
+            qInfo("%s", lines.mid(qMax(0, lines.size() - 25)).join('\n').constData());
     }
     if (m_link)
         m_link->abort();
@@ -239,7 +227,7 @@ QByteArray E2eHarness::daemonLog() const
     QByteArray out;
     if (!m_dir)
         return out;
-    const QDir logDir(home() + "/Documents/627log/support");
+    const QDir logDir(m_dir->path() + "/home/Documents/627log/support");
     for (const QString& name : logDir.entryList({"*.log"}, QDir::Files, QDir::Name))
         out += readFile(logDir.filePath(name));
     return out;
@@ -247,14 +235,13 @@ QByteArray E2eHarness::daemonLog() const
 
 QList<qint64> E2eHarness::logTimes(const QByteArray& text) const
 {
-    // A line: "[<thread id>]yyyy-MM-dd hh:mm:ss.zzz  <text>".
-    static const QRegularExpression stamp(R"(^\[\d+\](\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}) )");
     QList<qint64> times;
     for (const QByteArray& line : linesOf(daemonLog())) {
-        const QRegularExpressionMatch match = stamp.match(QString::fromUtf8(line));
-        if (line.contains(text) && match.hasMatch())
-            times << QDateTime::fromString(match.captured(1), "yyyy-MM-dd hh:mm:ss.zzz")
-                         .toMSecsSinceEpoch();
+        // A line: "[<thread id>]yyyy-MM-dd hh:mm:ss.zzz  <text>".
+        const QDateTime time = QDateTime::fromString(
+            QString::fromUtf8(line.mid(line.indexOf(']') + 1, 23)), "yyyy-MM-dd hh:mm:ss.zzz");
+        if (line.contains(text) && line.startsWith('[') && time.isValid())
+            times << time.toMSecsSinceEpoch();
     }
     return times;
 }
@@ -272,10 +259,4 @@ bool E2eHarness::waitMessage(const QString& key, int from, int timeoutMs, QJsonO
             return false;
         },
         timeoutMs);
-}
-
-int E2eHarness::messageCount(const QString& key) const
-{
-    return int(std::count_if(m_received.cbegin(), m_received.cend(),
-                             [&](const QJsonObject& message) { return message.contains(key); }));
 }

@@ -14,7 +14,6 @@
 #include <functional>
 
 namespace e2e {
-extern const QString kBinDir;
 extern const QString kUserId;
 extern const QString kCookie;
 extern const QString kUserAgent;
@@ -45,8 +44,8 @@ public:
     {
         return startDaemon(extra) && login();
     }
-    // Sends {"exit":true}; true when the daemon ended with code 0 and removed its lock file.
-    bool exitDaemon();
+    // Sends {"exit":true} if `ask`; true when the daemon ended with code 0, its lock file gone.
+    bool exitDaemon(bool ask = true);
     // Kills what still runs and prints the last lines when the test failed.
     void cleanup();
 
@@ -72,13 +71,9 @@ public:
 
     // Waits for a message from the daemon, received at index `from` or later, that has `key`.
     bool waitMessage(const QString& key, int from, int timeoutMs, QJsonObject& found);
-    int messageCount(const QString& key) const;
 
     QString dir() const { return m_dir ? m_dir->path() : QString(); }
     QString tmp() const { return m_dir->path() + "/tmp"; }
-    QString home() const { return m_dir->path() + "/home"; }
-    QString lockFile() const;
-    QProcessEnvironment& env() { return m_env; }
     QProcess& daemon() { return m_daemon; }
     QLocalSocket* link() { return m_link.data(); }
     QList<QJsonObject>& received() { return m_received; }
