@@ -89,13 +89,8 @@ bool E2eHarness::startSandbox(const QStringList& arguments)
 bool E2eHarness::startDaemon(const QStringList& extra, const QString& socketPath)
 {
     QProcessEnvironment daemonEnv = m_env;
-    for (const QString& item : extra) {
-        const int eq = item.indexOf('=');
-        if (item.mid(eq + 1).isEmpty())
-            daemonEnv.remove(item.left(eq));
-        else
-            daemonEnv.insert(item.left(eq), item.mid(eq + 1));
-    }
+    for (const QString& item : extra)
+        daemonEnv.insert(item.section('=', 0, 0), item.section('=', 1));
     m_received.clear();
     m_linkBuffer.clear();
     m_daemon.setProcessEnvironment(daemonEnv);

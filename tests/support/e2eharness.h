@@ -36,8 +36,8 @@ public:
     // if this build's services are not the sandbox's on 127.0.0.1.
     bool prepare();
     bool startSandbox(const QStringList& arguments = {});
-    // Starts d627 with the environment (plus `extra`, "NAME=value"; an empty value unsets) in
-    // the private folder and connects the link; false if it does not listen.
+    // Starts d627 with the environment plus `extra` ("NAME=value") in the private folder and
+    // connects the link; false if it does not listen.
     bool startDaemon(const QStringList& extra = {}, const QString& socketPath = QString());
     bool login(int setting = 0);
     bool startDaemonAndLogin(const QStringList& extra = {})
