@@ -150,8 +150,9 @@ bool E2eHarness::exitDaemon(bool ask)
 
 void E2eHarness::cleanup()
 {
-    // When the test failed: the last lines of the sandbox, then of the daemon's log.
-    for (const QByteArray& text : {m_sandboxOut, daemonLog()}) {
+    // When the test failed: the last lines of the sandbox, of the daemon's log and of its
+    // output (where a sanitizer report goes).
+    for (const QByteArray& text : {m_sandboxOut, daemonLog(), daemonOut()}) {
         const QList<QByteArray> lines = linesOf(text);
         if (QTest::currentTestFailed())
             qInfo("%s", lines.mid(qMax(0, lines.size() - 25)).join('\n').constData());
