@@ -8,6 +8,7 @@
 #include "link/communication.h"
 
 #include <QDir>
+#include <QLockFile>
 #include <QRandomGenerator>
 #include <QtTest>
 
@@ -45,6 +46,9 @@ private:
     E2eHarness h;
     int m_played = 0;
     int m_survived = 0;
+    // "/<name>" is one socket path for the whole machine: one such daemon at a time, whichever
+    // run of this suite starts it.
+    QLockFile m_rootSocket{"/tmp/d627-root-socket.lock"};
 };
 
 void tst_Faults::cleanupTestCase()
@@ -56,6 +60,7 @@ void tst_Faults::cleanupTestCase()
 
 void tst_Faults::cleanup()
 {
+    m_rootSocket.unlock();
     if (!QTest::currentTestFailed()) {
         ++m_survived;
         return;
@@ -210,6 +215,9 @@ bool tst_Faults::startOwn(const QString& start)
     }
     // TMPDIR naming no folder: the socket goes to "/<name>". Where that cannot be made the
     // daemon ends at once with code 0; otherwise it runs as usual.
+    m_rootSocket.setStaleLockTime(0); // only a dead holder's lock is stale
+    if (!m_rootSocket.tryLock(600000))
+        return false;
     if (!h.startDaemon({"TMPDIR=" + h.dir() + "/nowhere"}, QString("/") + kInstanceId))
         return h.daemon().state() == QProcess::NotRunning;
     return h.login();
