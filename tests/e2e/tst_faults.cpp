@@ -178,7 +178,8 @@ void tst_Faults::faults_data()
         {"HOOS login", check, "log:decode failed!"}, {}, Exit);
 
     row("env: log folder cannot be created", "HOME=blocked", {}, {"answer seq=1"}, {}, Exit);
-    row("env: TMPDIR points nowhere", "TMPDIR=nowhere", {}, {}, {}, Exit);
+    // The login is read before "exit" is sent: one read holding both is one unreadable message.
+    row("env: TMPDIR points nowhere", "TMPDIR=nowhere", {}, {"answer seq=1"}, {}, Exit);
 }
 
 // Running on a live connection made after `connections`: the running step logged since the
