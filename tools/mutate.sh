@@ -81,10 +81,12 @@ for t in json.load(sys.stdin)["tests"]:
 ' "$build/runners"
 }
 
-# The build target that a test needs: the test itself, or the daemon for the ldd check.
+# The build target that a test needs: the test itself, or what a test of another name runs.
 target_of() {
     case "$1" in
     d627_not_linked_to_ec627) echo d627 ;;
+    tst_cipher_nolib) echo tst_cipher_fake ;;
+    d627_*) echo all ;; # the shell tests use the daemon, the tools and the manual pages
     *) echo "$1" ;;
     esac
 }
