@@ -152,10 +152,11 @@ void E2eHarness::cleanup()
 {
     // When the test failed: the last lines of the sandbox, of the daemon's log and of its
     // output (where a sanitizer report goes).
-    for (const QByteArray& text : {m_sandboxOut, daemonLog(), daemonOut()}) {
-        const QList<QByteArray> lines = linesOf(text);
-        if (QTest::currentTestFailed())
+    if (QTest::currentTestFailed()) {
+        for (const QByteArray& text : {m_sandboxOut, daemonLog(), daemonOut()}) {
+            const QList<QByteArray> lines = linesOf(text);
             qInfo("%s", lines.mid(qMax(0, lines.size() - 25)).join('\n').constData());
+        }
     }
     if (m_link)
         m_link->abort();
