@@ -80,10 +80,10 @@ void LogManager::init()
     makeOwnerOnlyDir(documents + "/627log");
     makeOwnerOnlyDir(dirPath);
 
-    const QString name = QDateTime::currentDateTime().toString("MMdd_hhmmss_") +
-                         QString::number(getpid()) + "_627.log";
-
     Sync lock(&m_mutex);
+    // Named by the second it is opened in, on the same clock as the recycling.
+    const QString name = QDateTime::fromSecsSinceEpoch(m_clock()).toString("MMdd_hhmmss_") +
+                         QString::number(getpid()) + "_627.log";
     m_stream.setDevice(nullptr);
     m_file.close();
     m_fileName = dirPath + name;

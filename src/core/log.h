@@ -29,7 +29,7 @@ public:
     static bool isEnabled(int level);
 
     QString fileName();
-    // Source of wall-clock seconds for the hourly recycling; tests replace it.
+    // Source of wall-clock seconds for the file name and the hourly recycling; tests replace it.
     void setClock(Clock clock);
 
 private:

@@ -72,7 +72,9 @@ private slots:
         LogManager* log = openLog(1);
         const QString folder = QRegularExpression::escape(documents() + "/627log/support/");
         const QRegularExpression name(
-            QString("^%1\\d{4}_\\d{6}_%2_627\\.log$").arg(folder).arg(getpid()));
+            QString("^%1%2_%3_627\\.log$")
+                .arg(folder, QDateTime::fromSecsSinceEpoch(g_now).toString("MMdd_hhmmss"))
+                .arg(getpid()));
         QVERIFY2(name.match(log->fileName()).hasMatch(), qPrintable(log->fileName()));
         log->Msg(1, "hello %s", "world");
         log->Msg(1, "%s", QByteArray(5000, 'x').constData());

@@ -14,6 +14,7 @@
 
 namespace {
 constexpr int kTimedOut = 99;
+time_t g_now = 1700000000;
 
 // Runs the event loop until QCoreApplication::exit() or the time-out (then kTimedOut).
 int execUntilExit(int timeoutMs)
@@ -35,6 +36,7 @@ private slots:
         QVERIFY(QDir().mkpath(m_dir.path() + "/tmp"));
         qputenv("TMPDIR", (m_dir.path() + "/tmp").toUtf8());
         qputenv("HOME", m_dir.path().toUtf8());
+        LogManager::getInstance()->setClock([] { return g_now; });
         DataCenter* center = DataCenter::getInstance();
         center->SetLogLevel(0);
         center->SetNetError(false);
@@ -127,8 +129,8 @@ private slots:
         const QString logFile = LogManager::getInstance()->fileName();
         QVERIFY(QFile::exists(logFile) && ThreadManager::GetInstance()->IsExist(1));
 
-        // A repeated login opens a fresh file and is refused a second client thread.
-        QTest::qWait(1100);
+        // A repeated login a second later opens a fresh file and is refused a second client thread.
+        ++g_now;
         m_client->write(R"({"user_id":"1001","loglevel":1})");
         QVERIFY(m_client->waitForBytesWritten(30000));
         QTRY_VERIFY_WITH_TIMEOUT(LogManager::getInstance()->fileName() != logFile, 30000);
