@@ -190,10 +190,11 @@ private slots:
 private:
     void connectClient()
     {
+        QSignalSpy taken(m_adapter->findChild<Communication*>(), &Communication::connected);
         m_client.reset(new QLocalSocket);
         m_client->connectToServer(QString::fromLatin1(kInstanceId));
         QVERIFY(m_client->waitForConnected(30000));
-        QTest::qWait(50); // let the adapter take the connection
+        QTRY_COMPARE_WITH_TIMEOUT(taken.count(), 1, 30000);
     }
     QJsonObject nextMessage(int timeoutMs = 30000)
     {

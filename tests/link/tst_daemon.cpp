@@ -122,7 +122,7 @@ void tst_Daemon::mainAppLockReleasedWhileLinkDown_exits()
                      .arg(m_dir->path() + "/main.lock")
                      .toUtf8());
     socket.flush();
-    QTest::qWait(300);
+    QTRY_VERIFY_WITH_TIMEOUT(logText().contains("OnReadyRead data is"), 30000);
     socket.disconnectFromServer();
 
     // While the main application holds its lock, the daemon stays.
