@@ -98,7 +98,7 @@ bool E2eHarness::startDaemon(const QStringList& extra, const QString& socketPath
     m_daemon.setProcessChannelMode(QProcess::MergedChannels);
     m_daemon.setStandardOutputFile(m_dir->path() + "/daemon.out", QIODevice::Append);
     m_daemon.start(kBinDir + "/d627", QStringList());
-    if (!m_daemon.waitForStarted(5000)) {
+    if (!m_daemon.waitForStarted(30000)) {
         qWarning("d627 did not start: %s", qPrintable(m_daemon.errorString()));
         return false;
     }
@@ -112,7 +112,7 @@ bool E2eHarness::startDaemon(const QStringList& extra, const QString& socketPath
             m_link->connectToServer(path);
             return m_link->waitForConnected(200);
         },
-        10000);
+        30000);
     if (m_link->state() == QLocalSocket::ConnectedState)
         return true;
     qWarning("no local server at %s", qPrintable(path));

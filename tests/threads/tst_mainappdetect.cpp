@@ -103,7 +103,7 @@ private:
     bool startHolder()
     {
         m_holder.start(QString(D627_BIN_DIR) + "/lockholder", {m_lockPath});
-        return m_holder.waitForReadyRead(5000) && m_holder.readLine().trimmed() == "locked";
+        return m_holder.waitForReadyRead(30000) && m_holder.readLine().trimmed() == "locked";
     }
     // Only what the current test function added to the log.
     QString logText() const { return m_log.since(); }
