@@ -2,6 +2,7 @@
 
 #include "core/data.h"
 #include "core/datacenter.h"
+#include "core/log.h"
 #include "push/client.h"
 #include "threads/clientthread.h"
 #include "threads/threadmanager.h"
@@ -13,6 +14,12 @@ class TestClientThread : public QObject
     Q_OBJECT
 
 private slots:
+    // As in the daemon, the singletons are made on the main thread before any worker starts.
+    void initTestCase()
+    {
+        LogManager::getInstance();
+        ThreadManager::GetInstance();
+    }
     void waitsForUserId()
     {
         // Cookies without a user id do not end the wait.
