@@ -211,10 +211,15 @@ int E2eHarness::sandboxLine(const QByteArray& text, int from)
     return -1;
 }
 
-int E2eHarness::sandboxCount(const QByteArray& text)
+QByteArray E2eHarness::sandboxText()
 {
     m_sandboxOut += m_sandbox.readAllStandardOutput();
-    const QList<QByteArray> lines = linesOf(m_sandboxOut);
+    return m_sandboxOut;
+}
+
+int E2eHarness::sandboxCount(const QByteArray& text)
+{
+    const QList<QByteArray> lines = linesOf(sandboxText());
     return int(std::count_if(lines.cbegin(), lines.cend(),
                              [&](const QByteArray& line) { return line.contains(text); }));
 }

@@ -53,6 +53,7 @@ public:
     // Index of the first sandbox line at or after `from` that contains `text`; -1: none.
     int sandboxLine(const QByteArray& text, int from = 0);
     int sandboxCount(const QByteArray& text);
+    QByteArray sandboxText(); // all the sandbox printed so far
     bool waitSandbox(const QByteArray& text, int count, int timeoutMs)
     {
         return e2e::waitFor([&] { return sandboxCount(text) >= count; }, timeoutMs);
