@@ -204,7 +204,9 @@ bool tst_Faults::running(int connections)
                 sandbox.count(kStatusCheck) > log.count("check status result is"))
                 return false;
             const QByteArray current = sandbox.mid(sandbox.lastIndexOf("client connected"));
-            if (current.count("HOOS login") == 1 && current.count("IOOS request") == 1)
+            const QList<QByteArray> once{"HOOS login", "IOOS request"};
+            if (std::all_of(once.cbegin(), once.cend(),
+                            [&](const QByteArray& text) { return current.count(text) == 1; }))
                 return true;
             qInfo("push connection %d logged in or queried more than once: dropped", made);
             after = made;
