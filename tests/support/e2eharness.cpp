@@ -202,8 +202,7 @@ bool E2eHarness::ctl(const QString& line)
 
 int E2eHarness::sandboxLine(const QByteArray& text, int from)
 {
-    m_sandboxOut += m_sandbox.readAllStandardOutput();
-    const QList<QByteArray> lines = linesOf(m_sandboxOut);
+    const QList<QByteArray> lines = linesOf(sandboxText());
     for (int i = qMax(0, from); i < lines.size(); ++i) {
         if (lines.at(i).contains(text))
             return i;
