@@ -261,3 +261,40 @@ bool E2eHarness::waitMessage(const QString& key, int from, int timeoutMs, QJsonO
         },
         timeoutMs);
 }
+
+QString E2eHarness::stepFault(int after, int minQueryGapMs)
+{
+    QMap<int, int> logins, queries, notices;
+    QMap<int, QTime> loggedIn;
+    QList<int> open;
+    for (const QByteArray& line : linesOf(sandboxText())) {
+        if (line.contains("push  notice ") || line.contains("push  raw ")) {
+            for (int n : qAsConst(open))
+                ++notices[n];
+            continue;
+        }
+        const int at = line.indexOf("push  #");
+        const int n = at < 0 ? 0 : line.mid(at + 7, line.indexOf(' ', at + 7) - at - 7).toInt();
+        if (n <= after)
+            continue;
+        if (line.contains(" client connected"))
+            open.append(n);
+        else if (line.contains(" client disconnected"))
+            open.removeAll(n);
+        const QTime time = QTime::fromString(QString::fromLatin1(line.mid(1, 12)), "hh:mm:ss.zzz");
+        if (line.contains(" login ") && ++logins[n] > 1)
+            return QString("push connection %1 logged in twice").arg(n);
+        if (line.contains(" login "))
+            loggedIn[n] = time;
+        if (!line.contains("(query)"))
+            continue;
+        if (logins.value(n) == 0)
+            return QString("push connection %1 queried before it logged in").arg(n);
+        if (++queries[n] > 1 + notices.value(n))
+            return QString("push connection %1 queried twice").arg(n);
+        const int gapMs = (loggedIn.value(n).msecsTo(time) + 86400000) % 86400000;
+        if (queries.value(n) == 1 && gapMs < minQueryGapMs)
+            return QString("push connection %1 queried %2 ms after its login").arg(n).arg(gapMs);
+    }
+    return QString();
+}

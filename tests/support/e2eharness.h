@@ -72,6 +72,11 @@ public:
 
     // Waits for a message from the daemon, received at index `from` or later, that has `key`.
     bool waitMessage(const QString& key, int from, int timeoutMs, QJsonObject& found);
+    // Where a push connection numbered above `after` broke the order of the steps: more than
+    // one login, a request before the login, its query sooner than `minQueryGapMs` after the
+    // login (one step is 1000 ms), or more queries than the first one and one per notice or raw
+    // frame sent while it was open. Empty when none did.
+    QString stepFault(int after, int minQueryGapMs = 900);
 
     QString dir() const { return m_dir ? m_dir->path() : QString(); }
     QString tmp() const { return m_dir->path() + "/tmp"; }
