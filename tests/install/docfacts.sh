@@ -1,11 +1,9 @@
 #!/usr/bin/env bash
 # shellcheck disable=SC2016  # backquotes in patterns are Markdown's
-# The documents name no message key, setting bit or log level that the code lacks, and the
-# protocol document names every key and bit the code has. The facts are read from the sources on
-# each run: the keys the adapter reads and writes, the bits the data center tests, the levels of
-# every log call (a named constant is looked up where it is defined). Usage: docfacts.sh SOURCE_DIR
-ROOT=$1 SRC=$1/src
-status=0
+# The documents name no message key, setting bit or log level that the sources lack, and the
+# protocol document names every key and bit they have: the adapter's keys, the data center's bits,
+# the levels of the log calls (a named constant is looked up). Usage: docfacts.sh SOURCE_DIR
+ROOT=$1 SRC=$1/src status=0
 fail() { echo "FAIL: $*" && status=1; }
 # The literal that a token stands for: itself, or the value of the constant or enumerator so named.
 literal() {
@@ -37,5 +35,4 @@ for doc in "$ROOT/README.md" "$ROOT/SECURITY.md" "$ROOT/docs/protocol.md" "$ROOT
 done
 for fact in $KEYS; do grep -q "\`$fact\`" "$ROOT/docs/protocol.md" || fail "docs/protocol.md lacks the key $fact"; done
 for fact in $BITS; do grep -qiP "\bbit( value)? $fact\b" "$ROOT/docs/protocol.md" || fail "docs/protocol.md lacks bit $fact"; done
-echo "keys: ${KEYS//$'\n'/ }; setting bits: ${BITS//$'\n'/ }; log levels: ${LEVELS//$'\n'/ }"
 exit $status

@@ -203,8 +203,7 @@ void tst_Daemon::mainApp_privateTmpDir()
     if (foreign == 1)
         QCOMPARE(
             ::chown(QFile::encodeName(tmp).constData(), ownership::kNobody, ownership::kNobody), 0);
-    // Every answer of the services sets a session cookie, which the daemon prints on its
-    // standard error even at log threshold 0.
+    // Every service answer sets a cookie, which the daemon prints on stderr even at threshold 0.
     if (!foreign && !QByteArray(serviceurls::kPushAddressUrl).startsWith("http://127.0.0.1:18627/"))
         QSKIP("this build's services are not on 127.0.0.1:18627");
     HttpStub services;
@@ -239,13 +238,12 @@ void tst_Daemon::mainApp_privateTmpDir()
     QCOMPARE(ownership::mode(tmp), 0700);
     QCOMPARE(ownership::mode(QFile::decodeName(socket)), 0700);
     QVERIFY(!QFileInfo::exists(socketPath()));
-    const QString errors = tmp + "/d627-stderr.log"; // the daemon's: owner-only whatever the umask
-    const auto errorText = [&errors] {
-        QFile file(errors);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    };
-    QTRY_VERIFY_WITH_TIMEOUT(errorText().contains("cookies is  \"" + kSessionCookie), 30000);
-    QCOMPARE(ownership::mode(errors), 0600);
+    QFile errors(tmp + "/d627-stderr.log"); // the daemon's: owner-only whatever the umask
+    QByteArray text;
+    QVERIFY(errors.open(QIODevice::ReadOnly));
+    QTRY_VERIFY_WITH_TIMEOUT((text += errors.readAll()).contains("cookies is  \"" + kSessionCookie),
+                             30000);
+    QCOMPARE(ownership::mode(errors.fileName()), 0600);
     mainApp.write("exit\n");
     endsWithZero(mainApp);
     QVERIFY(!(output + mainApp.readAll()).contains(kSessionCookie));
