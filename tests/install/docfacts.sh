@@ -1,15 +1,13 @@
 #!/usr/bin/env bash
 # shellcheck disable=SC2016  # backquotes in patterns are Markdown's
-# The documents name no message key, setting bit or log level that the sources lack, and the
-# protocol document names every key and bit they have: the adapter's keys, the data center's bits,
-# the levels of the log calls (a named constant is looked up). Usage: docfacts.sh SOURCE_DIR
+# Fails when a document names a message key, setting bit or log level that the sources lack (read
+# from them on each run, named constants looked up), or protocol.md misses one. Usage: docfacts.sh ROOT
 ROOT=$1 SRC=$1/src status=0
 fail() { echo "FAIL: $*" && status=1; }
 # The literal that a token stands for: itself, or the value of the constant or enumerator so named.
 literal() {
     case $1 in [0-9-]* | \"*) echo "$1" && return ;; esac
-    grep -rhoP "(\bconst(expr)?\b[^;=]*\b|^\s*|[{,]\s*)${1##*::}\s*(=|\{)\s*\K(\"[^\"]*\"|[-0-9a-fA-FxX<() ]+)" \
-        "$SRC" | head -n 1
+    grep -rhoP "(\bconst(expr)?\b[^;=]*\b|^\s*|[{,]\s*)${1##*::}\s*(=|\{)\s*\K(\"[^\"]*\"|[-0-9a-fA-FxX<() ]+)" "$SRC" | head -n1
 }
 facts() { while read -r token; do literal "$token"; done | tr -d '"' | sed 's/ *$//' | sort -u; }
 KEYS=$(grep -oP '\b(value|insert|contains)\(\s*\K("\w+"|[\w:]+)' "$SRC/link/adapter.cpp" | facts)
@@ -17,7 +15,6 @@ BITS=$(grep -rhoP '\bsetting\s*&\s*\K[\w:]+' "$SRC/core" | facts | while read -r
 LEVELS=$(grep -rhoP '\b(Msg|Infor\s+\w+)\(\s*\K-?[\w:]+' "$SRC" | facts | grep -xE -- '-?[0-9]+')
 if [ -z "$KEYS" ] || [ -z "$BITS" ] || [ -z "$LEVELS" ]; then fail "facts not found in the sources"; fi
 
-# named DOC PATTERN...: what the patterns (grep -P) pick out of the document, one per line.
 named() { local doc=$1 p && shift && for p in "$@"; do grep -oP -- "$p" "$doc"; done | sort -u; }
 for doc in "$ROOT/README.md" "$ROOT/SECURITY.md" "$ROOT/docs/protocol.md" "$ROOT"/docs/*.[1-8]; do
     name=${doc#"$ROOT"/}
