@@ -1,5 +1,7 @@
+#include "httpstub.h"
 #include "link/communication.h"
 #include "ownership.h"
+#include "serviceurls.h"
 
 #include <QDir>
 #include <QLocalSocket>
@@ -11,6 +13,7 @@
 namespace {
 const QString kDaemon = QString(D627_BIN_DIR) + "/d627";
 const char* const kCannotSwitch = "not root, or cannot switch to user 65534: another user untested";
+const QByteArray kSessionCookie = "PHPSESSID=stderr-secret; path=/";
 } // namespace
 
 // The real d627 binary as a process, with its own TMPDIR and HOME.
@@ -200,6 +203,16 @@ void tst_Daemon::mainApp_privateTmpDir()
     if (foreign == 1)
         QCOMPARE(
             ::chown(QFile::encodeName(tmp).constData(), ownership::kNobody, ownership::kNobody), 0);
+    // Every service answer sets a cookie, which the daemon prints on stderr even at threshold 0.
+    if (!foreign && !QByteArray(serviceurls::kPushAddressUrl).startsWith("http://127.0.0.1:18627/"))
+        QSKIP("this build's services are not on 127.0.0.1:18627");
+    HttpStub services;
+    services.setFallback([](const HttpStubRequest&) {
+        HttpStubResponse answer = HttpStubResponse::json("{}", 404);
+        answer.headers.append({"Set-Cookie", kSessionCookie});
+        return answer;
+    });
+    QVERIFY(foreign || services.listen(18627));
     const QByteArray socket = QFile::encodeName(tmp + "/" + kInstanceId);
     const pid_t impostor =
         foreign == 2 ? ownership::asOtherUser([&]() { return ownership::talk(socket); }) : 0;
@@ -208,7 +221,7 @@ void tst_Daemon::mainApp_privateTmpDir()
     QProcess mainApp;
     const mode_t before = ::umask(0);
     start(mainApp, nullptr, QString(D627_BIN_DIR) + "/d627-mainapp",
-          QStringList{"--daemon", kDaemon, "--user-id", "", "--loglevel", "0"} +
+          QStringList{"--daemon", kDaemon, "--loglevel", "0"} +
               (impostor ? QStringList{"--tmpdir", tmp} : QStringList{}));
     ::umask(before);
     QByteArray output;
@@ -225,8 +238,15 @@ void tst_Daemon::mainApp_privateTmpDir()
     QCOMPARE(ownership::mode(tmp), 0700);
     QCOMPARE(ownership::mode(QFile::decodeName(socket)), 0700);
     QVERIFY(!QFileInfo::exists(socketPath()));
+    QFile errors(tmp + "/d627-stderr.log"); // the daemon's: owner-only whatever the umask
+    QByteArray text;
+    QVERIFY(errors.open(QIODevice::ReadOnly));
+    QTRY_VERIFY_WITH_TIMEOUT((text += errors.readAll()).contains("cookies is  \"" + kSessionCookie),
+                             30000);
+    QCOMPARE(ownership::mode(errors.fileName()), 0600);
     mainApp.write("exit\n");
     endsWithZero(mainApp);
+    QVERIFY(!(output + mainApp.readAll()).contains(kSessionCookie));
     QTRY_VERIFY_WITH_TIMEOUT(!QFileInfo::exists(lockFile), 30000); // the daemon ended
 }
 
