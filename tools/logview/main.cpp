@@ -86,7 +86,7 @@ int main(int argc, char* argv[])
         print(stderr, "d627-logview: " + parser.errorText() + "\n" + parser.helpText());
         return BadUsage;
     }
-    if (parser.isSet("help")) {
+    if (parser.isSet("help") || parser.isSet("help-all")) {
         print(stdout, parser.helpText());
         return Read;
     }
