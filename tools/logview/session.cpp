@@ -207,7 +207,7 @@ void Session::onMessageToMainApp(const LogLine& line)
             line.ms, "membership",
             level == 100 && expiry == 100
                 ? QStringLiteral("refresh the user information")
-                : QStringLiteral("level %1, expires %2").arg(level).arg(dateOf(expiry))};
+                : QStringLiteral("level %1, expires %2 UTC").arg(level).arg(dateOf(expiry))};
     }
     if (message.contains("net_error"))
         m_summary.messages << Mark{line.ms, "network",

@@ -16,7 +16,8 @@ enum Lane
 
 const char* const kStepNames[] = {"step 0: connect", "step 1: log in", "step 2: query",
                                   "step 3: heartbeat", "step 4: running"};
-const char* const kStepColours[] = {"#c6dbef", "#9ecae1", "#6baed6", "#3182bd", "#08519c"};
+// Greys to green: the darker, the nearer to running.
+const char* const kStepColours[] = {"#d9d9d9", "#c7e9c0", "#a1d99b", "#74c476", "#238b45"};
 
 QByteArray seconds(qint64 ms)
 {
@@ -101,7 +102,7 @@ QByteArray Timeline::script(const QString& output, Format format) const
                   "using 1:2 with points pt " + QByteArray::number(kShapes[shape % 9]) +
                       " ps 1.4 lc rgb '#d62728'");
     }
-    const QMap<QString, QByteArray> checkColours{{"session valid", "#2ca02c"},
+    const QMap<QString, QByteArray> checkColours{{"session valid", "#1f77b4"},
                                                  {"session valid, reconnect", "#17becf"},
                                                  {"logged out", "#9467bd"},
                                                  {"no answer", "#ff7f0e"}};
@@ -142,9 +143,9 @@ QByteArray Timeline::script(const QString& output, Format format) const
 
     const qint64 from = first(), to = last();
     const qint64 pad = qMax<qint64>(1000, (to - from) / 50);
-    QByteArray head = format == Svg ? "set terminal svg size 1400,560 dynamic noenhanced font "
+    QByteArray head = format == Svg ? "set terminal svg size 1400,620 dynamic noenhanced font "
                                       "'Sans,12' background '#ffffff'\n"
-                                    : "set terminal pngcairo size 1400,560 noenhanced font "
+                                    : "set terminal pngcairo size 1400,620 noenhanced font "
                                       "'Sans,10' background '#ffffff'\n";
     head += "set output " + quoted(output) + "\n";
     head +=
@@ -158,7 +159,7 @@ QByteArray Timeline::script(const QString& output, Format format) const
         head += QByteArray(lane ? ", " : "") + quoted(kLanes[lane]) + ' ' +
                 QByteArray::number(Connection - lane);
     head += ") nomirror\nset grid xtics lc rgb '#dddddd'\nset border 3\n";
-    head += "set key outside below horizontal maxrows 4 width 1\n";
+    head += "set key outside below horizontal maxrows 4 width 1 height 1\n";
     // Where each run started.
     for (const Run& run : s.runs)
         head += "set arrow from " + seconds(run.start) + ", graph 0 to " + seconds(run.start) +
