@@ -53,11 +53,10 @@ LogFile LogFileReader::read(const QString& path)
 void LogFileReader::readLines(const QByteArray& data, LogFile& file)
 {
     QList<QByteArray> raw = data.split('\n');
+    // After the last line end: nothing, or a line cut off (dropped if not even its time is whole).
     LogLine probe;
-    if (raw.last().isEmpty())
+    if (raw.last().isEmpty() || !LineParser::parse(raw.last(), probe))
         raw.removeLast();
-    else if (!LineParser::parse(raw.last(), probe))
-        raw.removeLast(); // cut off before its text: nothing of it can be read
     checkStart(raw, file);
     for (int i = 0; i < raw.size(); ++i) {
         LogLine line;

@@ -119,7 +119,7 @@ QByteArray Timeline::script(const QString& output, Format format) const
     for (const Span& wait : s.backoffs)
         rows += bar(wait.from, wait.to, Backoffs, 0.2);
     addSeries(blocks, plots, rows, "back-off wait",
-              "using 1:2:3:4:5:6 with boxxyerror fs solid 0.6 noborder lc rgb '#fdae6b'");
+              "using 1:2:3:4:5:6 with boxxyerror fs solid 1.0 noborder lc rgb '#fd8d3c'");
     const QMap<QString, QByteArray> noticeStyles{{"notice", "pt 9 lc rgb '#8c564b'"},
                                                  {"query", "pt 6 lc rgb '#7f7f7f'"},
                                                  {"answer", "pt 4 lc rgb '#bcbd22'"}};
