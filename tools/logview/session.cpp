@@ -6,6 +6,19 @@
 #include <algorithm>
 
 namespace {
+// Failures that one line tells, and that end the push connection.
+struct Failure
+{
+    LineKind kind;
+    const char* cause;
+};
+const Failure kFailures[] = {{LineKind::AddressFailed, "address lookup failure"},
+                             {LineKind::ConnectFailed, "connect failure"},
+                             {LineKind::Disconnected, "disconnection"},
+                             {LineKind::WriteFailed, "write failure"},
+                             {LineKind::NetError, "network error timer"},
+                             {LineKind::CipherFailed, "cipher failure"}};
+
 // The text after the fixed start of a line, for the inserted value (an answer, a message).
 QString valueOf(const QByteArray& text, const char* start)
 {
@@ -59,30 +72,18 @@ void Session::onLine(const LogLine& line)
 {
     ++m_summary.lines;
     const QByteArray& text = line.text;
+    for (const Failure& failure : kFailures) {
+        if (failure.kind == line.kind) {
+            fail(line.ms, failure.cause, text, true);
+            return;
+        }
+    }
     switch (line.kind) {
     case LineKind::Trace:
         ++m_summary.traceLines;
         break;
     case LineKind::Step:
         onStep(line);
-        break;
-    case LineKind::AddressFailed:
-        fail(line.ms, "address lookup failure", text, true);
-        break;
-    case LineKind::ConnectFailed:
-        fail(line.ms, "connect failure", text, true);
-        break;
-    case LineKind::Disconnected:
-        fail(line.ms, "disconnection", text, true);
-        break;
-    case LineKind::WriteFailed:
-        fail(line.ms, "write failure", text, true);
-        break;
-    case LineKind::NetError:
-        fail(line.ms, "network error timer", text, true);
-        break;
-    case LineKind::CipherFailed:
-        fail(line.ms, "cipher failure", text, true);
         break;
     case LineKind::CheckTimer:
         // In the running step the watchdog waits for a heartbeat's echo, before it for the
