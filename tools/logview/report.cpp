@@ -64,7 +64,7 @@ QString TextReport::render(const Reading& reading, bool showUnknown)
         << s.traceLines << " tracing), " << reading.unknownLines() << " unknown\n";
     for (const LogFile& file : reading.files) {
         for (const QString& problem : file.problems)
-            out << "  " << QFileInfo(file.path).fileName() << " " << problem << "\n";
+            out << "  " << file.path << " " << problem << "\n";
     }
     out << "runs: " << s.runs.size() << "\n";
     for (const Run& run : s.runs)
