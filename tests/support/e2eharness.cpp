@@ -8,6 +8,7 @@
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QJsonDocument>
+#include <QRegularExpression>
 #include <QtTest>
 
 namespace e2e {
@@ -119,7 +120,7 @@ bool E2eHarness::startDaemon(const QStringList& extra, const QString& socketPath
     return false;
 }
 
-bool E2eHarness::login(int setting)
+bool E2eHarness::login(int setting, int logLevel)
 {
     m_link->write(compact({{"user_id", kUserId},
                            {"cookie", kCookie},
@@ -127,7 +128,7 @@ bool E2eHarness::login(int setting)
                            {"user_agent", kUserAgent},
                            {"pid", int(QCoreApplication::applicationPid())},
                            {"lockfile", m_dir->path() + "/mainapp.lock"},
-                           {"loglevel", 1}}));
+                           {"loglevel", logLevel}}));
     return m_link->flush() || m_link->bytesToWrite() == 0;
 }
 
@@ -173,6 +174,25 @@ void E2eHarness::cleanup()
         }
     }
     m_mainAppLock.reset();
+    keepLogs();
+}
+
+void E2eHarness::keepLogs() const
+{
+    if (!m_dir)
+        return;
+    QString name = QTest::currentTestFunction() ? QTest::currentTestFunction() : "all";
+    if (QTest::currentDataTag())
+        name += QStringLiteral("-") + QTest::currentDataTag();
+    name.replace(QRegularExpression("[^A-Za-z0-9._-]+"), "_");
+    QDir kept(kBinDir + "/../test-logs/" + QCoreApplication::applicationName() + '/' + name);
+    kept.removeRecursively();
+    const QDir logs(logFolder());
+    const QStringList names = logs.entryList({"*.log"}, QDir::Files, QDir::Name);
+    if (names.isEmpty() || !kept.mkpath("."))
+        return;
+    for (const QString& file : names)
+        QFile::copy(logs.filePath(file), kept.filePath(file));
 }
 
 void E2eHarness::onLinkReadyRead()
@@ -232,6 +252,11 @@ QByteArray E2eHarness::daemonLog() const
     for (const QString& name : logDir.entryList({"*.log"}, QDir::Files, QDir::Name))
         out += readFile(logDir.filePath(name));
     return out;
+}
+
+QString E2eHarness::logFolder() const
+{
+    return m_dir ? m_dir->path() + "/home/Documents/627log/support" : QString();
 }
 
 QList<qint64> E2eHarness::logTimes(const QByteArray& text) const
