@@ -175,6 +175,27 @@ void tst_Faults::faults_data()
     row("link: a second client", "", {"link:second"}, {"log:local socket disconnected", "probe"},
         {}, KeepOn);
     row("link: 500 connects and disconnects", "", {"link:cycles"}, {"probe"}, {}, KeepOn);
+    // Overlapping faults: whatever arrives while a status check waits joins it, and the next
+    // connection still carries one login and one query whose answer brings the changes.
+    const QString badFrame = "raw hex=5858585801000000";
+    const auto slow = [](int ms) { return QString("sso mode=slow delay=%1").arg(ms); };
+    row("overlap: bad frame, drop during a check 0.8 s slow", "", {slow(800), badFrame},
+        {check, "ctl:drop"}, {"sso mode=ok"}, Changes);
+    row("overlap: bad frame, drop during a check 3 s late", "", {slow(3000), badFrame},
+        {check, "ctl:drop"}, {"sso mode=ok"}, Changes);
+    row("overlap: two drops in quick succession", "", {"drop"},
+        {dropped, check, "client connected", "ctl:drop"}, {}, Changes);
+    for (const char* type : {"149", "601010"}) {
+        row(qPrintable(
+                QString("overlap: drop while the answer's %1 waits for its check").arg(type)),
+            "", {slow(800), QString("message t=") + type},
+            {dropped, check, "answer seq=1", check, "ctl:drop"}, {"sso mode=ok"}, Changes);
+    }
+    row("overlap: network-error timer fires during a check", "", {"sso mode=error", "drop"},
+        {dropped, check, "log:request or parse failed", "ctl:" + slow(12000), check,
+         "ctl:sso mode=ok", "log:net error, so check status"},
+        {}, Changes);
+
     row("http: answer never comes, then exit", "", address("body=hang"),
         {dropped, "POST /get_tcp_server"}, {noAddress}, Exit);
 
@@ -199,27 +220,6 @@ void tst_Faults::faults_data()
         {"HOOS login", "log:mclient.normal_req_encode fail", "probe"}, {}, Exit);
     row("cipher: ec627_decode fails", "FAIL=ec627_decode", {},
         {"HOOS login", check, "log:decode failed!"}, {}, Exit);
-
-    // Overlapping faults: whatever arrives while a status check waits joins it, and the next
-    // connection still carries one login and one query whose answer brings the changes.
-    const QString badFrame = "raw hex=5858585801000000";
-    const auto slow = [](int ms) { return QString("sso mode=slow delay=%1").arg(ms); };
-    row("overlap: bad frame, drop during a check 0.8 s slow", "", {slow(800), badFrame},
-        {check, "ctl:drop"}, {"sso mode=ok"}, Changes);
-    row("overlap: bad frame, drop during a check 3 s late", "", {slow(3000), badFrame},
-        {check, "ctl:drop"}, {"sso mode=ok"}, Changes);
-    row("overlap: two drops in quick succession", "", {"drop"},
-        {dropped, check, "client connected", "ctl:drop"}, {}, Changes);
-    for (const char* type : {"149", "601010"}) {
-        row(qPrintable(
-                QString("overlap: drop while the answer's %1 waits for its check").arg(type)),
-            "", {slow(800), QString("message t=") + type},
-            {dropped, check, "answer seq=1", check, "ctl:drop"}, {"sso mode=ok"}, Changes);
-    }
-    row("overlap: network-error timer fires during a check", "", {"sso mode=error", "drop"},
-        {dropped, check, "log:request or parse failed", "ctl:" + slow(12000), check,
-         "ctl:sso mode=ok", "log:net error, so check status"},
-        {}, Changes);
 
     row("env: log folder cannot be created", "HOME=blocked", {}, {"answer seq=1"}, {}, Exit);
     // The login is read before "exit" is sent: one read holding both is one unreadable message.
