@@ -7,6 +7,7 @@
 #               status checks so far
 #   chaos.md    recovery median, p99 and max
 #   chaos.svg   connections, status checks and recoveries over time (gnuplot)
+#   chaos-log.txt  d627-logview's summary of the daemon's log of the run
 #
 #   bench/chaos.sh [seconds] [seed]     default 1800 s, seed 627; needs root (a private network
 #                                       namespace with nftables and tc), nftables, gnuplot-nox
@@ -20,12 +21,16 @@ seconds=${1:-1800}
 seed=${2:-627}
 
 if [ "$seconds" != --render ]; then
-    cmake --build "$build" --target tst_chaos d627 d627-sandbox ec627
+    [ -n "${D627_CHAOS_NO_BUILD:-}" ] || cmake --build "$build" --target tst_chaos d627 d627-sandbox ec627
     start=$(date -u '+%Y-%m-%d %H:%M UTC')
     LD_LIBRARY_PATH=$build/lib D627_CHAOS_SECONDS=$seconds D627_CHAOS_SEED=$seed \
         D627_CHAOS_RESULTS=$results/chaos.tsv \
         "$root/tests/support/netns.sh" "$build/bin/tst_chaos" -o "$build/chaos-run.txt,txt"
     echo "# seed $seed, $seconds s of faults, $start" >>"$results/chaos.tsv"
+    # What the daemon's own log says about the run.
+    logs=$build/test-logs/tst_chaos/chaos-long
+    "$build/bin/d627-logview" "$logs"/*.log >"$results/chaos-log.txt" || true
+    head -40 "$results/chaos-log.txt"
 fi
 
 # Recovery figures (milliseconds), nearest-rank percentiles.
