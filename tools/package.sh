@@ -9,6 +9,7 @@
 # with another umask, locale and time zone, and fails unless every package is byte for byte the
 # same (diffoscope then shows the differences). The checksums of both builds go to sha256.txt.
 set -euo pipefail
+shopt -s nullglob  # no .ddeb files when the build makes no debug symbol packages
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 rebuild=0
