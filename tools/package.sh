@@ -78,10 +78,13 @@ if [ $rebuild = 1 ]; then
 fi
 
 echo "== lintian"
-# Every tag, down to the pedantic and informational ones, is fixed or overridden with a reason in
-# debian/*.lintian-overrides (listed as O: with their reasons); anything else fails.
-(cd "$out" && lintian --pedantic -E --info --display-info --show-overrides \
-    --fail-on error,warning,info,pedantic,experimental ./*.changes) |
-    tee "$out/lintian.txt"
+# Every tag, down to the pedantic, informational and experimental ones, is fixed or overridden with
+# a reason in debian/*.lintian-overrides; the overridden ones are listed (O:), any other fails.
+# (lintian's --fail-on would count the listed overrides too.)
+(cd "$out" && lintian --pedantic -E --info --display-info --show-overrides ./*.changes) | tee "$out/lintian.txt"
+if grep -qE '^[EWIPX]: ' "$out/lintian.txt"; then
+    echo "== lintian: the tags above are neither fixed nor overridden"
+    exit 1
+fi
 echo "== packages in $out:"
 ls -1 "$out"/*.deb
