@@ -3,8 +3,8 @@
 #   bash tools/package.sh [--rebuild] [output-folder]      (default: ./packages)
 # Installs what is missing (as root, or through sudo), copies the source tree (without build
 # folders) to a temporary folder, runs dpkg-buildpackage -us -uc -b there (the fast tests run in
-# dh_auto_test) and leaves the .deb files (the -dbgsym ones too), the .buildinfo and .changes and lintian.txt
-# in the output folder. DEB_BUILD_OPTIONS=nocheck skips the tests.
+# dh_auto_test) and leaves the .deb files (the -dbgsym ones too), the .buildinfo and .changes
+# and lintian.txt in the output folder. DEB_BUILD_OPTIONS=nocheck skips the tests.
 # --rebuild builds a second time from another copy: in a folder of another name and depth, later,
 # with another umask, locale and time zone, without the tests, and fails unless every package is
 # byte for byte the same (diffoscope then shows the differences). Checksums: sha256.txt.
