@@ -12,7 +12,7 @@ for page in "$SRC"/docs/*.[18]; do
     grep -q "^\.TH .* \"d627 $V\"" "$page" || bad "$page" "$(grep '^\.TH' "$page")"
 done
 grep -qF "d627 $V." "$SRC/docs/protocol.md" || bad docs/protocol.md "$(sed -n 3p "$SRC/docs/protocol.md")"
-for tool in d627-sandbox d627-mainapp; do
+for tool in d627-sandbox d627-mainapp d627-logview; do
     out=$("$BIN/$tool" --version)
     [ "$out" = "$tool $V" ] || bad "$tool --version" "$out"
 done
