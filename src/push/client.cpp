@@ -253,6 +253,11 @@ void MsgClient::CloseSocket()
             m_socket->waitForDisconnected(m_times.socketWaitMs);
     }
     m_socket->close();
+    // A close that could not finish within the wait (data that cannot be flushed, a connection
+    // attempt still under way) leaves the connection open in the kernel; the next connection
+    // must not come up beside it.
+    if (m_socket->state() != QAbstractSocket::UnconnectedState)
+        m_socket->abort();
     // Nothing is connected to the closed socket any more, so only code that is still inside one
     // of its signals can reach it: an outer frame when this runs in a nested event loop of a
     // slot connected to it. It is freed once that slot has returned, or at once (deleteLater)
