@@ -20,7 +20,9 @@ constexpr int kEncodeTokenBufferBytes = 1024;
 constexpr int kGetTokenBufferBytes = 1024;
 constexpr int kScratchBytes = 16;
 constexpr int kFormBufferBytes = 384;
+constexpr qint64 kMinCapacityBytes = 1;
 constexpr qint64 kMaxCapacityBytes = INT_MAX - 1;
+constexpr size_t kSpareBytes = 1;
 // Output buffers: a multiple of the input for the m627 calls and ec627_encode, else the
 // library's own bound plus a margin.
 constexpr qint64 kM627CapacityPerInputByte = 10;
@@ -32,7 +34,7 @@ constexpr qint64 kMsgEncodeMarginBytes = 1;
 // for a zero capacity; the library is only ever told about `capacity`.
 std::vector<unsigned char> zeroed(qint64 capacity)
 {
-    return std::vector<unsigned char>(static_cast<size_t>(capacity) + 1, 0);
+    return std::vector<unsigned char>(static_cast<size_t>(capacity) + kSpareBytes, 0);
 }
 
 // Bytes the library reported, bounded by what the buffer can hold.
@@ -328,7 +330,7 @@ int StringEncrypt::Ec627Decode(const QByteArray& in, QByteArray& out)
     Sync lock(&m_mutex);
     const qint64 capacity =
         qint64(enctypt::ec627_decode_len(bytes(in), in.size())) + kCapacityMarginBytes;
-    if (capacity < 1 || capacity > kMaxCapacityBytes)
+    if (capacity < kMinCapacityBytes || capacity > kMaxCapacityBytes)
         return -1;
     std::vector<unsigned char> buffer = zeroed(capacity);
     int length = static_cast<int>(capacity);
@@ -342,7 +344,7 @@ int StringEncrypt::Ec627EncodeData(const QByteArray& in, QByteArray& out)
 {
     Sync lock(&m_mutex);
     const qint64 capacity = qint64(enctypt::ec627_encode_len(in.size())) + kCapacityMarginBytes;
-    if (capacity < 1 || capacity > kMaxCapacityBytes)
+    if (capacity < kMinCapacityBytes || capacity > kMaxCapacityBytes)
         return -1;
     std::vector<unsigned char> buffer = zeroed(capacity);
     int length = static_cast<int>(capacity);
@@ -371,7 +373,7 @@ int StringEncrypt::Ec627MsgEncode(unsigned int type, const QByteArray& in, QByte
 {
     Sync lock(&m_mutex);
     const qint64 capacity = qint64(enctypt::ec627_encode_len(in.size())) + kMsgEncodeMarginBytes;
-    if (capacity < 1 || capacity > kMaxCapacityBytes)
+    if (capacity < kMinCapacityBytes || capacity > kMaxCapacityBytes)
         return -1;
     std::vector<unsigned char> buffer = zeroed(capacity);
     int length = static_cast<int>(capacity);

@@ -17,6 +17,9 @@ constexpr int kSettingRcEnvironment = 1;
 constexpr int kSettingHttps = 2;
 constexpr int kSettingEncryptRequest = 4; // stored, read by nobody
 
+// The main application's process id before it has announced one.
+constexpr int kNoMainAppId = 0;
+
 // A pending membership change of -1 and -1 means that there is nothing to send.
 constexpr int kNoVipLevel = -1;
 constexpr qint64 kNoExpireTime = -1;

@@ -71,7 +71,7 @@ private:
     bool m_encryptRequest = false;
     int m_logLevel = kLogOff;
     QString m_userAgent;
-    int m_mainAppId = 0;
+    int m_mainAppId = kNoMainAppId;
     QString m_mainLockFile;
     bool m_mainAppExist = true;
 };

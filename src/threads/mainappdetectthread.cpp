@@ -50,7 +50,7 @@ bool CMainAppDetectThread::isFileLocked()
     }
 
     const int announced = data->GetMainAppId();
-    if (announced == 0)
+    if (announced == kNoMainAppId)
         return true;
 
     qint64 owner = 0;
@@ -68,7 +68,7 @@ bool CMainAppDetectThread::isFileLocked()
 bool CMainAppDetectThread::isAppExist()
 {
     const int announced = DataCenter::getInstance()->GetMainAppId();
-    if (announced == 0)
+    if (announced == kNoMainAppId)
         return true;
 
     const QString command =

@@ -26,6 +26,7 @@ const char* const kGateClosed = "network access closed";
 // The rc environment's host: the first ".627." becomes ".627rc.".
 const char* const kRcHostFrom = ".627.";
 const char* const kRcHostTo = ".627rc.";
+constexpr int kCookieParts = 2; // name=value
 
 // The network gate: once closed (the process is ending), no access manager is made or
 // destroyed and no request is issued. Held while a manager is made, destroyed or used to start
@@ -259,7 +260,7 @@ void CRequestHttps::setCookie(const QMap<QString, QString>& headers)
 bool CRequestHttps::SetCookieValue(QStringList& cookies, const QString& cookie)
 {
     const QStringList nameValue = cookie.split("=", Qt::KeepEmptyParts);
-    if (nameValue.size() != 2)
+    if (nameValue.size() != kCookieParts)
         return false;
 
     for (int i = 0; i < cookies.size(); ++i) {
@@ -268,7 +269,7 @@ bool CRequestHttps::SetCookieValue(QStringList& cookies, const QString& cookie)
         if (!cookies.at(i).startsWith(nameValue.at(0)))
             continue;
         const QStringList entry = cookies.at(i).split("=", Qt::KeepEmptyParts);
-        if (entry.size() != 2)
+        if (entry.size() != kCookieParts)
             return false;
         if (entry.at(1) == nameValue.at(1))
             return false;
