@@ -30,14 +30,24 @@ MsgClient::MsgClient(QObject* parent, const MsgClientTimes& times)
     connect(this, SIGNAL(checkstatus(bool)), this, SLOT(oncheckstatus(bool)));
     connect(this, SIGNAL(checkuserinfo()), this, SLOT(oncheckUserInfor()));
     connect(this, SIGNAL(socketerror()), this, SLOT(onsocketerror()));
-    m_process = 0;
+    // Children of this object, made on its thread: one pending step and one pending restart.
+    m_runTimer = new QTimer(this);
+    m_runTimer->setSingleShot(true);
+    connect(m_runTimer, SIGNAL(timeout()), this, SLOT(onRun()));
+    m_reconnectTimer = new QTimer(this);
+    m_reconnectTimer->setSingleShot(true);
+    connect(m_reconnectTimer, SIGNAL(timeout()), this, SLOT(onsocketerror()));
+    m_process = kStepConnect;
     startRunTimer();
 }
 
 MsgClient::~MsgClient()
 {
-    stopCheckTime();
-    stopNetCheckTime();
+    // Not inside a timeout of theirs here: the timers go at once.
+    delete m_checkTimer;
+    m_checkTimer = nullptr;
+    delete m_netCheckTimer;
+    m_netCheckTimer = nullptr;
     // The sockets closed earlier are children of this object and go with it. The open one must
     // not report its disconnection to an object being destroyed.
     if (m_socket)
@@ -71,10 +81,13 @@ void MsgClient::startRunTimer()
     CLogoutInfor logout;
     DataCenter::getInstance()->GetLogoutInfor(logout);
     if (logout.isLogout) {
+        m_runTimer->stop();
         logger()->Msg(1, "MsgClient::startRunTimer user is logout!");
         return;
     }
-    QTimer::singleShot(m_times.stepMs, this, SLOT(onRun()));
+    // Starting the one step timer again replaces a step still pending: a restart voids the
+    // chain before it.
+    m_runTimer->start(m_times.stepMs);
 }
 
 void MsgClient::onRun()
@@ -82,22 +95,22 @@ void MsgClient::onRun()
     logger()->Msg(1, "MsgClient::onRun current process is %d!", m_process);
     int ret = 0;
     switch (m_process) {
-    case 0:
+    case kStepConnect:
         ret = connect2Server();
         break;
-    case 1:
+    case kStepLogin:
         ret = login();
         break;
-    case 2:
+    case kStepQuery:
         ret = GetMaxId();
         break;
-    case 3:
+    case kStepHeartbeat:
         ret = StartHeartTimer();
         break;
     default:
         break;
     }
-    if (ret != 0 && m_process < 4) {
+    if (ret != 0 && m_process < kStepRunning) {
         logger()->Msg(1, "MsgClient::onRun ret is not 0, would check login status!");
         emit checkstatus(true);
     }
@@ -197,8 +210,23 @@ int MsgClient::StartHeartTimer()
 void MsgClient::onsocketerror()
 {
     logger()->Msg(4, "socket error");
-    m_process = 0;
+    // The chain before this restart is over: its socket's late signals reach nothing and its
+    // pending step is replaced below. Step 0 closes that socket.
+    detachSocket();
+    m_reconnectTimer->stop();
+    ++m_chain;
+    m_process = kStepConnect;
     startRunTimer();
+}
+
+void MsgClient::detachSocket()
+{
+    if (!m_socket)
+        return;
+    disconnect(m_socket, SIGNAL(readyRead()), this, SLOT(onReadyRead()));
+    disconnect(m_socket, SIGNAL(disconnected()), this, SLOT(ondisconnected()));
+    // The heartbeat belongs to this connection only, also when the peer has already gone.
+    disconnect(m_socket, SIGNAL(timer()), this, SLOT(onSendHeartTimer()));
 }
 
 quint64 MsgClient::GetSessionId()
@@ -216,10 +244,8 @@ void MsgClient::CloseSocket()
 {
     if (!m_socket)
         return;
-    disconnect(m_socket, SIGNAL(readyRead()), this, SLOT(onReadyRead()));
-    disconnect(m_socket, SIGNAL(disconnected()), this, SLOT(ondisconnected()));
-    // The heartbeat belongs to this connection only, also when the peer has already gone.
-    disconnect(m_socket, SIGNAL(timer()), this, SLOT(onSendHeartTimer()));
+    detachSocket();
+    ++m_chain;
     m_socket->stopTime();
     if (m_socket->isOpen()) {
         m_socket->disconnectFromHost();
@@ -275,8 +301,17 @@ void MsgClient::startCheckTimeMs(int msec)
 
 void MsgClient::stopCheckTime()
 {
-    delete m_checkTimer;
-    m_checkTimer = nullptr;
+    retireTimer(m_checkTimer);
+}
+
+void MsgClient::retireTimer(QTimer*& timer)
+{
+    if (!timer)
+        return;
+    timer->stop();
+    timer->disconnect();
+    timer->deleteLater();
+    timer = nullptr;
 }
 
 void MsgClient::onCheckTimer()
@@ -298,8 +333,7 @@ void MsgClient::startNetCheckTime()
 
 void MsgClient::stopNetCheckTime()
 {
-    delete m_netCheckTimer;
-    m_netCheckTimer = nullptr;
+    retireTimer(m_netCheckTimer);
 }
 
 void MsgClient::onNetError()

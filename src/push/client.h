@@ -32,6 +32,16 @@ struct MsgClientTimes
     int backoffSecondMs = 1000;    // length of one second of the reconnection back-off
 };
 
+// The numbered steps of the push connection's process.
+enum MsgClientStep
+{
+    kStepConnect = 0,
+    kStepLogin = 1,
+    kStepQuery = 2,
+    kStepHeartbeat = 3,
+    kStepRunning = 4
+};
+
 // The daemon's one TCP connection to the push server. It walks a numbered process
 // (0 connect, 1 log in, 2 query the latest messages, 3 start the heartbeat, 4 running), one
 // step per single-shot timer, reads one frame per readyRead, dispatches messages into the
@@ -40,6 +50,16 @@ struct MsgClientTimes
 //
 // Thread: everything (socket, timers, HTTP requests in nested event loops) runs on the thread
 // that created the object, the client thread in the daemon. All connections are direct.
+//
+// One chain of steps at a time. The HTTP requests wait in nested event loops, where socket
+// signals and timers of this object keep coming, so failures can overlap:
+// - one step timer: a restart replaces the pending step of the chain before it;
+// - a restart also detaches the old socket, so its late signals reach nothing;
+// - a status check asked for while one is under way is merged into it (with a reconnection if
+//   any merged request asked for one), and a reconnection is scheduled only for the chain that
+//   is current and only once per failure episode (none while one is pending);
+// - a handler that waited in a nested loop moves the steps on only if the chain (m_chain) and
+//   the step are still the ones it started with.
 class MsgClient : public QObject
 {
     Q_OBJECT
@@ -68,6 +88,9 @@ public:
     unsigned int responseSeq() const { return m_responseSeq; }
     // Wait of the last reconnection scheduled by the status check, in milliseconds (0: none).
     int lastReconnectWaitMs() const { return m_lastReconnectWaitMs; }
+    // A status check is waiting for its answer; a reconnection is waiting for its back-off.
+    bool checking() const { return m_checking; }
+    bool reconnectPending() const;
 
     // Process steps.
     int connect2Server();
@@ -143,6 +166,11 @@ private:
     int readHead(tagTRANSPORT_PKG_HEAD_RSP& head, QByteArray& headString);
     // Schedules onsocketerror() after the process-wide back-off.
     void scheduleReconnect();
+    // Disconnects the current socket's signals from this object, leaving it open.
+    void detachSocket();
+    // Stops a timer and deletes it once control is back in the event loop: the timer may be the
+    // one whose timeout() is being delivered.
+    static void retireTimer(QTimer*& timer);
     std::string scopeName(const char* function) const;
     // Frees the sockets closed while a socket signal was being delivered.
     void freeClosedSockets();
@@ -163,6 +191,13 @@ private:
     QString m_pushAddressUrl;
     QString m_ssoStatusUrl;
     int m_lastReconnectWaitMs = 0;
+    QTimer* m_runTimer = nullptr;       // the pending step, single-shot
+    QTimer* m_reconnectTimer = nullptr; // the back-off before a restart, single-shot
+    // Bumped by every restart, disconnection and closed socket: what a nested wait compares.
+    quint64 m_chain = 0;
+    bool m_checking = false;           // a status check waits for its answer
+    bool m_checkReconnect = false;     // the check (or one merged into it) asked to reconnect
+    quint64 m_checkReconnectChain = 0; // m_chain at the last such request
     bool m_connecting = false;   // connect2Server() is running (possibly in a nested event loop)
     int m_socketSignalDepth = 0; // SocketSignalScope objects alive
     QList<ClientTcpSocket*> m_closedSockets; // closed inside a socket signal, freed after it

@@ -113,7 +113,13 @@ void MsgClient::HandlerMessage(const QByteArray& message)
 
 bool MsgClient::HandleMaxIdMessage(int, const QByteArray& message)
 {
+    // A message of the answer may wait for a status check in a nested event loop, where the
+    // connection can drop or the steps restart. Only the chain that read the answer moves on.
+    const quint64 chain = m_chain;
+    const int step = m_process;
     HandlerMessage(message);
+    if (chain != m_chain || step != m_process)
+        return false;
     nextProcess();
     return true;
 }

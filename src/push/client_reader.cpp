@@ -177,16 +177,16 @@ void MsgClient::onReadyRead()
     }
     logger()->Msg(1, "client read from server message is %s", message.constData());
     switch (m_process) {
-    case 1:
+    case kStepLogin:
         // Whatever the login answer holds, it moves the process on.
         stopCheckTime();
         nextProcess();
         break;
-    case 2:
+    case kStepQuery:
         if (HandleMaxIdMessage(rc, message))
             stopCheckTime();
         break;
-    case 4:
+    case kStepRunning:
         if (HandleMessageFormServer(rc, message) != 0) {
             emit checkstatus(true);
             emit checkuserinfo();
@@ -203,5 +203,6 @@ void MsgClient::ondisconnected()
     const SocketSignalScope inSignal(this);
     const QString error = m_socket ? m_socket->errorString() : QString();
     logger()->Msg(4, "server disconnect to socket, error is %s", error.toUtf8().constData());
+    ++m_chain;
     emit checkstatus(true);
 }

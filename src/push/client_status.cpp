@@ -19,6 +19,10 @@ using msgclient_detail::readLevel;
 using msgclient_detail::truncateToInt64;
 
 namespace {
+// Methods of CRequestHttps::SendRequest.
+constexpr int kHttpGet = 0;
+constexpr int kHttpPost = 1;
+
 qint64 systemSeconds()
 {
     return QDateTime::currentSecsSinceEpoch();
@@ -59,7 +63,8 @@ int MsgClient::GetServerAddressList(QStringList& list)
     CRequestHttps request;
     for (int attempt = 0; attempt < 2; ++attempt) {
         QByteArray reply;
-        const int ret = request.SendRequest(m_pushAddressUrl, 1, headers, QByteArray(), reply);
+        const int ret =
+            request.SendRequest(m_pushAddressUrl, kHttpPost, headers, QByteArray(), reply);
         logger()->Msg(1, "MsgClient::GetServerAddressList response is %s", reply.constData());
         if (ret != 0) {
             logger()->Msg(4, "get server address error is %s", reply.constData());
@@ -121,6 +126,15 @@ bool MsgClient::ChooseServerAddress(const QStringList& list, QString& ip, int& p
 void MsgClient::oncheckstatus(bool bneedconnect)
 {
     Infor tracer(0, scopeName("oncheckstatus"));
+    // The request below waits in a nested event loop, where more failures can be reported. They
+    // join the check under way instead of starting one of their own.
+    if (m_checking) {
+        if (bneedconnect) {
+            m_checkReconnect = true;
+            m_checkReconnectChain = m_chain;
+        }
+        return;
+    }
     DataCenter* data = DataCenter::getInstance();
     CLogoutInfor logout;
     data->GetLogoutInfor(logout);
@@ -135,7 +149,15 @@ void MsgClient::oncheckstatus(bool bneedconnect)
     const QString body = QString("device_id=%1").arg(getMacAddress(true));
     CRequestHttps request;
     QByteArray reply;
-    const int ret = request.SendRequest(m_ssoStatusUrl, 0, loginInfo.cookies, body.toUtf8(), reply);
+    m_checking = true;
+    m_checkReconnect = bneedconnect;
+    m_checkReconnectChain = m_chain;
+    const int ret =
+        request.SendRequest(m_ssoStatusUrl, kHttpGet, loginInfo.cookies, body.toUtf8(), reply);
+    m_checking = false;
+    // A reconnection is for the chain that asked for it last: none if the steps restarted since.
+    const bool reconnect = m_checkReconnect && m_checkReconnectChain == m_chain;
+    m_checkReconnect = false;
     logger()->Msg(1, "check status result is %s", reply.constData());
 
     CLogoutInfor info;
@@ -146,7 +168,9 @@ void MsgClient::oncheckstatus(bool bneedconnect)
             data->SetLogoutInfor(info);
             return;
         }
-        if (bneedconnect) {
+        // One restart per failure episode: a confirmation while the restart waits for its
+        // back-off neither schedules another one nor lengthens the back-off.
+        if (reconnect && !reconnectPending()) {
             logger()->Msg(1, "check status is login, would reconnect server");
             scheduleReconnect();
         }
@@ -171,7 +195,12 @@ void MsgClient::scheduleReconnect()
     }
     g_lastTime = now;
     m_lastReconnectWaitMs = g_delay * m_times.backoffSecondMs;
-    QTimer::singleShot(m_lastReconnectWaitMs, this, SLOT(onsocketerror()));
+    m_reconnectTimer->start(m_lastReconnectWaitMs);
+}
+
+bool MsgClient::reconnectPending() const
+{
+    return m_reconnectTimer->isActive();
 }
 
 bool MsgClient::ParseCheckStatusResponse(const QByteArray& data, CLogoutInfor& out)

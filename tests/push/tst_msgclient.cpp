@@ -394,20 +394,68 @@ private slots:
         }
     }
 
+    // Confirmations one after another follow the back-off; one more while the restart waits
+    // for it neither schedules a second restart nor lengthens the wait.
     void statusBackoffSequence()
     {
-        std::unique_ptr<MsgClient> client = m_s->client(fastTimes(kIdleStepMs));
+        MsgClientTimes times = fastTimes(kIdleStepMs);
+        times.backoffSecondMs = kIdleStepMs; // the restarts are played below
+        std::unique_ptr<MsgClient> client = m_s->client(times);
         // Seconds since the previous check -> expected wait in back-off seconds.
         const QList<QPair<int, int>> steps = {{0, 1},  {1, 2},  {1, 4}, {1, 8},
                                               {1, 10}, {5, 10}, {6, 1}, {3, 2}};
+        int scheduled = m_log.count("would reconnect server");
         for (const auto& step : steps) {
             g_now += step.first;
             client->oncheckstatus(true);
-            QCOMPARE(client->lastReconnectWaitMs(), step.second * 10);
+            QCOMPARE(client->lastReconnectWaitMs(), step.second * kIdleStepMs);
+            QCOMPARE(m_log.count("would reconnect server"), ++scheduled);
+            client->oncheckstatus(true);
+            QVERIFY(client->reconnectPending());
+            QCOMPARE(client->lastReconnectWaitMs(), step.second * kIdleStepMs);
+            QCOMPARE(m_log.count("would reconnect server"), scheduled);
+            client->onsocketerror(); // what the back-off timer calls
+            QVERIFY(!client->reconnectPending());
         }
-        // Every scheduled reconnection restarts the process at step 0.
-        QTRY_COMPARE(m_log.count("socket error"), steps.size());
         QCOMPARE(client->process(), 0);
+    }
+
+    // What comes in while a status check waits for its (slow) answer joins that check: one
+    // request, and a reconnection if any request asked for one since the last restart.
+    void overlappingChecks_data()
+    {
+        QTest::addColumn<bool>("outer");         // the first check asks for a reconnection
+        QTest::addColumn<QStringList>("during"); // played while it waits
+        QTest::addColumn<bool>("reconnect");
+        QTest::newRow("check joins") << false << QStringList{"check"} << false;
+        QTest::newRow("reconnecting check joins") << false << QStringList{"connect"} << true;
+        QTest::newRow("plain check keeps reconnection") << true << QStringList{"check"} << true;
+        QTest::newRow("restart meanwhile") << true << QStringList{"restart"} << false;
+        QTest::newRow("restart, then a failure")
+            << true << QStringList{"restart", "connect"} << true;
+    }
+    void overlappingChecks()
+    {
+        QFETCH(bool, outer);
+        QFETCH(QStringList, during);
+        QFETCH(bool, reconnect);
+        m_s->sso.delayMs = 300;
+        MsgClientTimes times = fastTimes(kIdleStepMs);
+        times.backoffSecondMs = kIdleStepMs;
+        std::unique_ptr<MsgClient> client = m_s->client(times);
+        QTimer::singleShot(0, client.get(), [&] {
+            QVERIFY(client->checking());
+            for (const QString& action : during) {
+                if (action == "restart")
+                    client->onsocketerror();
+                else
+                    client->oncheckstatus(action == "connect");
+            }
+        });
+        client->oncheckstatus(outer);
+        QCOMPARE(m_s->requestsTo(kSso), 1);
+        QCOMPARE(client->reconnectPending(), reconnect);
+        QCOMPARE(client->checking(), false);
     }
 
     void userInfor()
