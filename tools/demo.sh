@@ -9,6 +9,7 @@
 #
 # Usage: tools/demo.sh [build-dir]      (default: ./build)
 #        DEMO_KEEP=1 tools/demo.sh ...  keeps the folder with all logs, the daemon's included
+#        DEMO_TIMELINE=FILE.svg ...     also draws the timeline of the daemon's log (d627-logview)
 
 set -u
 
@@ -252,6 +253,19 @@ if [ -n "$dpid" ] && kill -0 "$dpid" 2>/dev/null; then
     fail "the daemon (pid $dpid) is still running after the logout"
 fi
 note "daemon gone"
+
+step "What the daemon's log tells support (d627-logview)"
+if [ -x "$BIN/d627-logview" ]; then
+    # DEMO_TIMELINE=FILE.svg (or .png) also draws the story's timeline.
+    picture=()
+    case "${DEMO_TIMELINE:-}" in
+    *.png) picture=(--png "$DEMO_TIMELINE") ;;
+    ?*) picture=(--svg "$DEMO_TIMELINE") ;;
+    esac
+    "$BIN/d627-logview" "${picture[@]}" "$HOME"/Documents/627log/support/*_627.log | sed 's/^/    /'
+else
+    note "build the target d627-logview to see a summary of the daemon's log here"
+fi
 
 step "Done in $(($(date +%s) - START)) s; cleaning up"
 exit 0

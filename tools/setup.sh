@@ -11,7 +11,7 @@ build=${D627_BUILD_DIR:-$root/build}
 werror=${D627_WERROR:-OFF}
 
 packages=(g++ cmake ninja-build pkg-config qtbase5-dev liblz4-dev libsodium-dev openssl iproute2 groff-base
-    libbenchmark-dev gnuplot-nox)
+    libbenchmark-dev gnuplot-nox nftables)
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

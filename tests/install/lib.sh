@@ -7,7 +7,7 @@ export TMPDIR=$WORK/tmp HOME=$WORK/home
 DAEMON_LOG="$HOME/Documents/627log/support/*_627.log"
 PIDS=""
 trap 'exec 3>&- 4>&-; kill $PIDS 2>/dev/null; wait 2>/dev/null; rm -rf "$WORK"' EXIT
-fail() { echo "FAIL: $*"; tail -n 30 "$WORK"/*.log $DAEMON_LOG 2>/dev/null; exit 1; }
+fail() { echo "FAIL: $*"; tail -n 30 "$WORK"/*.log "$TMPDIR"/*.log $DAEMON_LOG 2>/dev/null; exit 1; }
 # wait_for TEXT N FILE...: waits up to 120 s until TEXT has appeared N times in the files, whose
 # names may be patterns (expanded at each look).
 wait_for() {

@@ -1,3 +1,5 @@
+#include "core/serviceurls.h"
+#include "httpstub.h"
 #include "link/communication.h"
 #include "ownership.h"
 
@@ -7,10 +9,13 @@
 #include <QTemporaryDir>
 #include <QtTest>
 #include <signal.h>
+#include <sys/inotify.h>
+#include <unistd.h>
 
 namespace {
 const QString kDaemon = QString(D627_BIN_DIR) + "/d627";
 const char* const kCannotSwitch = "not root, or cannot switch to user 65534: another user untested";
+const QByteArray kSessionCookie = "PHPSESSID=stderr-secret; path=/";
 } // namespace
 
 // The real d627 binary as a process, with its own TMPDIR and HOME.
@@ -111,22 +116,38 @@ void tst_Daemon::secondAndStaleInstances()
 
 void tst_Daemon::mainAppLockReleasedWhileLinkDown_exits()
 {
+    const QString lock = m_dir->path() + "/main.lock";
     QProcess holder;
-    holder.start(QString(D627_BIN_DIR) + "/lockholder", {m_dir->path() + "/main.lock"});
+    holder.start(QString(D627_BIN_DIR) + "/lockholder", {lock});
     QVERIFY(holder.waitForReadyRead(30000));
+    // The watchdog reads the held lock file at every look; inotify counts the opens.
+    const int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    QVERIFY(inotify_add_watch(watch, QFile::encodeName(lock).constData(), IN_OPEN) >= 0);
+    int opens = 0;
+    const auto countOpens = [&] {
+        alignas(inotify_event) char events[4096];
+        for (ssize_t n; (n = ::read(watch, events, sizeof events)) > 0;) {
+            for (ssize_t at = 0; at < n; ++opens)
+                at += ssize_t(sizeof(inotify_event)) +
+                      reinterpret_cast<inotify_event*>(events + at)->len;
+        }
+        return opens;
+    };
     QLocalSocket socket;
     start(m_daemon, &socket);
     // No user id: the client thread waits and never dials a service.
     socket.write(QString(R"({"user_id":"","pid":%1,"lockfile":"%2","loglevel":1})")
                      .arg(holder.processId())
-                     .arg(m_dir->path() + "/main.lock")
+                     .arg(lock)
                      .toUtf8());
     socket.flush();
     QTRY_VERIFY_WITH_TIMEOUT(logText().contains("OnReadyRead data is"), 30000);
     socket.disconnectFromServer();
 
-    // While the main application holds its lock, the daemon stays.
-    QVERIFY(!m_daemon.waitForFinished(2500));
+    // While the main application holds its lock, the daemon stays, look after look.
+    QTRY_VERIFY_WITH_TIMEOUT(countOpens() >= 9, 30000);
+    ::close(watch);
+    QCOMPARE(m_daemon.state(), QProcess::Running);
     holder.closeWriteChannel();
     QVERIFY(holder.waitForFinished(30000));
     endsWithZero(m_daemon);
@@ -200,6 +221,16 @@ void tst_Daemon::mainApp_privateTmpDir()
     if (foreign == 1)
         QCOMPARE(
             ::chown(QFile::encodeName(tmp).constData(), ownership::kNobody, ownership::kNobody), 0);
+    // Every service answer sets a cookie, which the daemon prints on stderr even at threshold 0.
+    if (!foreign && !QByteArray(serviceurls::kPushAddressUrl).startsWith("http://127.0.0.1:18627/"))
+        QSKIP("this build's services are not on 127.0.0.1:18627");
+    HttpStub services;
+    services.setFallback([](const HttpStubRequest&) {
+        HttpStubResponse answer = HttpStubResponse::json("{}", 404);
+        answer.headers.append({"Set-Cookie", kSessionCookie});
+        return answer;
+    });
+    QVERIFY(foreign || services.listen(18627));
     const QByteArray socket = QFile::encodeName(tmp + "/" + kInstanceId);
     const pid_t impostor =
         foreign == 2 ? ownership::asOtherUser([&]() { return ownership::talk(socket); }) : 0;
@@ -208,7 +239,7 @@ void tst_Daemon::mainApp_privateTmpDir()
     QProcess mainApp;
     const mode_t before = ::umask(0);
     start(mainApp, nullptr, QString(D627_BIN_DIR) + "/d627-mainapp",
-          QStringList{"--daemon", kDaemon, "--user-id", "", "--loglevel", "0"} +
+          QStringList{"--daemon", kDaemon, "--loglevel", "0"} +
               (impostor ? QStringList{"--tmpdir", tmp} : QStringList{}));
     ::umask(before);
     QByteArray output;
@@ -225,8 +256,15 @@ void tst_Daemon::mainApp_privateTmpDir()
     QCOMPARE(ownership::mode(tmp), 0700);
     QCOMPARE(ownership::mode(QFile::decodeName(socket)), 0700);
     QVERIFY(!QFileInfo::exists(socketPath()));
+    QFile errors(tmp + "/d627-stderr.log"); // the daemon's: owner-only whatever the umask
+    QByteArray text;
+    QVERIFY(errors.open(QIODevice::ReadOnly));
+    QTRY_VERIFY_WITH_TIMEOUT((text += errors.readAll()).contains("cookies is  \"" + kSessionCookie),
+                             30000);
+    QCOMPARE(ownership::mode(errors.fileName()), 0600);
     mainApp.write("exit\n");
     endsWithZero(mainApp);
+    QVERIFY(!(output + mainApp.readAll()).contains(kSessionCookie));
     QTRY_VERIFY_WITH_TIMEOUT(!QFileInfo::exists(lockFile), 30000); // the daemon ended
 }
 

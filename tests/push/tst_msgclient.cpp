@@ -430,6 +430,8 @@ private slots:
         QTest::newRow("check joins") << false << QStringList{"check"} << false;
         QTest::newRow("reconnecting check joins") << false << QStringList{"connect"} << true;
         QTest::newRow("plain check keeps reconnection") << true << QStringList{"check"} << true;
+        QTest::newRow("heartbeat fails") << false << QStringList{"heartbeat"} << true;
+        QTest::newRow("net-error timer") << false << QStringList{"net error"} << true;
         QTest::newRow("restart meanwhile") << true << QStringList{"restart"} << false;
         QTest::newRow("restart, then a failure")
             << true << QStringList{"restart", "connect"} << true;
@@ -448,6 +450,10 @@ private slots:
             for (const QString& action : during) {
                 if (action == "restart")
                     client->onsocketerror();
+                else if (action == "heartbeat") // no socket: the heartbeat cannot be sent
+                    client->onSendHeartTimer();
+                else if (action == "net error")
+                    client->onNetError();
                 else
                     client->oncheckstatus(action == "connect");
             }

@@ -8,6 +8,7 @@
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QJsonDocument>
+#include <QRegularExpression>
 #include <QtTest>
 
 namespace e2e {
@@ -119,7 +120,7 @@ bool E2eHarness::startDaemon(const QStringList& extra, const QString& socketPath
     return false;
 }
 
-bool E2eHarness::login(int setting)
+bool E2eHarness::login(int setting, int logLevel)
 {
     m_link->write(compact({{"user_id", kUserId},
                            {"cookie", kCookie},
@@ -127,7 +128,7 @@ bool E2eHarness::login(int setting)
                            {"user_agent", kUserAgent},
                            {"pid", int(QCoreApplication::applicationPid())},
                            {"lockfile", m_dir->path() + "/mainapp.lock"},
-                           {"loglevel", 1}}));
+                           {"loglevel", logLevel}}));
     return m_link->flush() || m_link->bytesToWrite() == 0;
 }
 
@@ -173,6 +174,25 @@ void E2eHarness::cleanup()
         }
     }
     m_mainAppLock.reset();
+    keepLogs();
+}
+
+void E2eHarness::keepLogs() const
+{
+    if (!m_dir)
+        return;
+    QString name = QTest::currentTestFunction() ? QTest::currentTestFunction() : "all";
+    if (QTest::currentDataTag())
+        name += QStringLiteral("-") + QTest::currentDataTag();
+    name.replace(QRegularExpression("[^A-Za-z0-9._-]+"), "_");
+    QDir kept(kBinDir + "/../test-logs/" + QCoreApplication::applicationName() + '/' + name);
+    kept.removeRecursively();
+    const QDir logs(logFolder());
+    const QStringList names = logs.entryList({"*.log"}, QDir::Files, QDir::Name);
+    if (names.isEmpty() || !kept.mkpath("."))
+        return;
+    for (const QString& file : names)
+        QFile::copy(logs.filePath(file), kept.filePath(file));
 }
 
 void E2eHarness::onLinkReadyRead()
@@ -234,6 +254,11 @@ QByteArray E2eHarness::daemonLog() const
     return out;
 }
 
+QString E2eHarness::logFolder() const
+{
+    return m_dir ? m_dir->path() + "/home/Documents/627log/support" : QString();
+}
+
 QList<qint64> E2eHarness::logTimes(const QByteArray& text) const
 {
     QList<qint64> times;
@@ -260,4 +285,41 @@ bool E2eHarness::waitMessage(const QString& key, int from, int timeoutMs, QJsonO
             return false;
         },
         timeoutMs);
+}
+
+QString E2eHarness::stepFault(int after, int minQueryGapMs)
+{
+    QMap<int, int> logins, queries, notices;
+    QMap<int, QTime> loggedIn;
+    QList<int> open;
+    for (const QByteArray& line : linesOf(sandboxText())) {
+        if (line.contains("push  notice ") || line.contains("push  raw ")) {
+            for (int n : qAsConst(open))
+                ++notices[n];
+            continue;
+        }
+        const int at = line.indexOf("push  #");
+        const int n = at < 0 ? 0 : line.mid(at + 7, line.indexOf(' ', at + 7) - at - 7).toInt();
+        if (n <= after)
+            continue;
+        if (line.contains(" client connected"))
+            open.append(n);
+        else if (line.contains(" client disconnected"))
+            open.removeAll(n);
+        const QTime time = QTime::fromString(QString::fromLatin1(line.mid(1, 12)), "hh:mm:ss.zzz");
+        if (line.contains(" login ") && ++logins[n] > 1)
+            return QString("push connection %1 logged in twice").arg(n);
+        if (line.contains(" login "))
+            loggedIn[n] = time;
+        if (!line.contains("(query)"))
+            continue;
+        if (logins.value(n) == 0)
+            return QString("push connection %1 queried before it logged in").arg(n);
+        if (++queries[n] > 1 + notices.value(n))
+            return QString("push connection %1 queried twice").arg(n);
+        const int gapMs = (loggedIn.value(n).msecsTo(time) + 86400000) % 86400000;
+        if (queries.value(n) == 1 && gapMs < minQueryGapMs)
+            return QString("push connection %1 queried %2 ms after its login").arg(n).arg(gapMs);
+    }
+    return QString();
 }

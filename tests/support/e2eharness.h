@@ -39,14 +39,15 @@ public:
     // Starts d627 with the environment plus `extra` ("NAME=value") in the private folder and
     // connects the link; false if it does not listen.
     bool startDaemon(const QStringList& extra = {}, const QString& socketPath = QString());
-    bool login(int setting = 0);
+    bool login(int setting = 0, int logLevel = 1);
     bool startDaemonAndLogin(const QStringList& extra = {})
     {
         return startDaemon(extra) && login();
     }
     // Sends {"exit":true} if `ask`; true when the daemon ended with code 0, its lock file gone.
     bool exitDaemon(bool ask = true);
-    // Kills what still runs and prints the last lines when the test failed.
+    // Kills what still runs and prints the last lines when the test failed. The daemon's log
+    // files are kept in <build>/test-logs/<test>/<function>[-<row>].
     void cleanup();
 
     bool ctl(const QString& line); // one sandbox command line; true when it answered "ok"
@@ -60,6 +61,7 @@ public:
     }
     QByteArray lineAt(int index) const { return e2e::linesOf(m_sandboxOut).value(index); }
 
+    QString logFolder() const;    // where the daemon writes its log files
     QByteArray daemonLog() const; // all log files in name order
     QByteArray daemonOut() const { return e2e::readFile(dir() + "/daemon.out"); }
     int logCount(const QByteArray& text) const { return daemonLog().count(text); }
@@ -72,6 +74,11 @@ public:
 
     // Waits for a message from the daemon, received at index `from` or later, that has `key`.
     bool waitMessage(const QString& key, int from, int timeoutMs, QJsonObject& found);
+    // Where a push connection numbered above `after` broke the order of the steps: more than
+    // one login, a request before the login, its query sooner than `minQueryGapMs` after the
+    // login (one step is 1000 ms), or more queries than the first one and one per notice or raw
+    // frame sent while it was open. Empty when none did.
+    QString stepFault(int after, int minQueryGapMs = 900);
 
     QString dir() const { return m_dir ? m_dir->path() : QString(); }
     QString tmp() const { return m_dir->path() + "/tmp"; }
@@ -81,6 +88,7 @@ public:
 
 private:
     void onLinkReadyRead();
+    void keepLogs() const;
 
     QScopedPointer<QTemporaryDir> m_dir;
     QScopedPointer<QLockFile> m_mainAppLock;

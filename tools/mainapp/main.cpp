@@ -2,8 +2,8 @@
 // lock file, starts the daemon when none answers on the local server, sends the login
 // message built from its options, prints every message the daemon sends as a timestamped
 // line, and sends {"exit":true} on the stdin line "exit" or on Ctrl-C. It starts the daemon
-// with TMPDIR set to a folder private to its user, and sends the login only to a daemon whose
-// peer user id is its own.
+// with TMPDIR set to a folder private to its user and its standard error in an owner-only file
+// there, and sends the login only to a daemon whose peer user id is its own.
 //
 // Other stdin lines: "login" sends the login message again, "drop" closes the local link
 // (the daemon's watchdog then looks at our lock file), "connect" opens it again, "quit" leaves
@@ -79,7 +79,12 @@ int main(int argc, char** argv)
         "library-path", "Folder put first on the started daemon's LD_LIBRARY_PATH.", "dir",
         defaultLibraryPath());
     const QCommandLineOption noLogin("no-login", "Connect, but send no login message.");
-    parser.addOptions({libraryPath, noLogin});
+    const QCommandLineOption daemonStderr(
+        "daemon-stderr",
+        "File for the started daemon's standard error (default: d627-stderr.log in its TMPDIR, "
+        "owner-only; /dev/null discards it).",
+        "path");
+    parser.addOptions({libraryPath, noLogin, daemonStderr});
     parser.process(app);
 
     MainAppClient::Options options;
@@ -96,6 +101,8 @@ int main(int argc, char** argv)
     options.stay = parser.isSet(stayOption);
     options.libraryPath = parser.value(libraryPath);
     options.noLogin = parser.isSet(noLogin);
+    options.daemonStderr = parser.isSet(daemonStderr) ? parser.value(daemonStderr)
+                                                      : options.tmpDir + "/d627-stderr.log";
 
     MainAppClient client(options);
     if (!client.start())

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -56,9 +57,33 @@ bool MainAppClient::preparePrivateTmpDir()
     return true;
 }
 
+// Whatever its log threshold, the daemon prints the Set-Cookie answers of its HTTP requests,
+// session ids included, on its standard error: only our user may read where that goes. The file
+// is made (or tightened) here, so that QProcess only ever appends to an owner-only file.
+bool MainAppClient::prepareDaemonStderr()
+{
+    const QString& path = m_options.daemonStderr;
+    if (path == QProcess::nullDevice())
+        return true;
+    const int fd =
+        ::open(QFile::encodeName(path).constData(),
+               O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+    struct stat info = {};
+    const bool ours = fd >= 0 && ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) &&
+                      info.st_uid == ::geteuid() && ::fchmod(fd, 0600) == 0;
+    if (fd >= 0)
+        ::close(fd);
+    if (!ours)
+        printLine("refusing " + path + " for the daemon's standard error: not a file of our own");
+    return ours;
+}
+
 bool MainAppClient::startDaemon()
 {
+    if (!prepareDaemonStderr())
+        return false;
     QProcess daemon;
+    daemon.setStandardErrorFile(m_options.daemonStderr, QIODevice::Append);
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("TMPDIR", m_options.tmpDir);
     if (!m_options.libraryPath.isEmpty()) {

@@ -29,6 +29,9 @@ public:
         bool stay = false;
         QString libraryPath; // put first on the daemon's LD_LIBRARY_PATH when not empty
         bool noLogin = false;
+        // Where a daemon we start writes its standard error: an owner-only file, or the null
+        // device.
+        QString daemonStderr;
     };
 
     explicit MainAppClient(const Options& options);
@@ -44,6 +47,7 @@ private slots:
 
 private:
     bool preparePrivateTmpDir();
+    bool prepareDaemonStderr();
     bool startDaemon();
     QString serverPath() const;
     bool peerIsOurUser();
