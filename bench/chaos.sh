@@ -23,7 +23,9 @@ seed=${2:-627}
 if [ "$seconds" != --render ]; then
     [ -n "${D627_CHAOS_NO_BUILD:-}" ] || cmake --build "$build" --target tst_chaos d627 d627-sandbox ec627
     start=$(date -u '+%Y-%m-%d %H:%M UTC')
-    LD_LIBRARY_PATH=$build/lib D627_CHAOS_SECONDS=$seconds D627_CHAOS_SEED=$seed \
+    # Qt Test ends a test function after 5 minutes unless told otherwise.
+    LD_LIBRARY_PATH=$build/lib QTEST_FUNCTION_TIMEOUT=$(((seconds * 2 + 900) * 1000)) \
+        D627_CHAOS_SECONDS=$seconds D627_CHAOS_SEED=$seed \
         D627_CHAOS_RESULTS=$results/chaos.tsv \
         "$root/tests/support/netns.sh" "$build/bin/tst_chaos" -o "$build/chaos-run.txt,txt"
     echo "# seed $seed, $seconds s of faults, $start" >>"$results/chaos.tsv"

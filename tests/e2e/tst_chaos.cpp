@@ -61,8 +61,9 @@ int run(const QString& program, const QStringList& arguments, const QByteArray& 
     return process.exitCode();
 }
 
-// Sockets of process `pid` that are connected or connecting to `port`.
-int connectionsTo(qint64 pid, quint16 port)
+// The /proc/net/tcp lines of the sockets of process `pid` that are connected or connecting to
+// `port`.
+QList<QByteArray> connectionsTo(qint64 pid, quint16 port)
 {
     QSet<QByteArray> inodes;
     const QString fdDir = QString("/proc/%1/fd").arg(pid);
@@ -71,17 +72,18 @@ int connectionsTo(qint64 pid, quint16 port)
         if (target.contains("socket:["))
             inodes.insert(target.section('[', 1).chopped(1).toLatin1());
     }
-    int count = 0;
+    const QByteArray remote = ':' + QByteArray::number(port, 16).toUpper().rightJustified(4, '0');
+    QList<QByteArray> found;
     for (const char* table : {"/proc/net/tcp", "/proc/net/tcp6"}) {
         for (const QByteArray& line : linesOf(readFile(table))) {
             const QList<QByteArray> f = line.simplified().split(' ');
             // remote address:port, state 01 established or 02 connecting, inode
-            if (f.size() > 9 && f.at(2).endsWith(':' + QByteArray::number(port, 16).toUpper()) &&
-                (f.at(3) == "01" || f.at(3) == "02") && inodes.contains(f.at(9)))
-                ++count;
+            if (f.size() > 9 && f.at(2).endsWith(remote) && (f.at(3) == "01" || f.at(3) == "02") &&
+                inodes.contains(f.at(9)))
+                found.append(line.simplified());
         }
     }
-    return count;
+    return found;
 }
 
 int entries(qint64 pid, const char* what)
@@ -173,8 +175,9 @@ bool tst_Chaos::sample(QString& why)
 {
     if (h.daemon().state() != QProcess::Running)
         why = "the daemon is gone";
-    else if (connectionsTo(h.daemon().processId(), m_proxy.port()) > 1)
-        why = "more than one push connection";
+    else if (connectionsTo(h.daemon().processId(), m_proxy.port()).size() > 1)
+        why = "more than one push connection: " +
+              connectionsTo(h.daemon().processId(), m_proxy.port()).join(" | ");
     else
         why = h.stepFault(0, 0); // delays reorder nothing but shift the steps' arrival times
     return why.isEmpty();

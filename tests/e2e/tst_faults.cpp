@@ -381,7 +381,8 @@ void tst_Faults::faults()
                  qPrintable("not running again on a new connection " + h.stepFault(mark)));
         if (then == Changes) {
             QVERIFY2(changesArrive(), "a change did not reach the main application");
-            QVERIFY2(running(mark), qPrintable("not running after the changes " + h.stepFault(mark)));
+            QVERIFY2(running(mark),
+                     qPrintable("not running after the changes " + h.stepFault(mark)));
         }
     } else if (then == KeepOn) {
         QVERIFY(probe());

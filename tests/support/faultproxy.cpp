@@ -8,6 +8,15 @@ namespace {
 constexpr int kTickMs = 5;
 }
 
+FaultProxy::~FaultProxy()
+{
+    // The sockets go after the list of links: they must not report their end to it.
+    for (Link& link : m_links) {
+        link.down->disconnect(this);
+        link.up->disconnect(this);
+    }
+}
+
 bool FaultProxy::listen(quint16 upstreamPort)
 {
     m_upstreamPort = upstreamPort;

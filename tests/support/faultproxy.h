@@ -25,6 +25,7 @@ public:
         bool stalled = false;
     };
 
+    ~FaultProxy() override;
     bool listen(quint16 upstreamPort);
     quint16 port() const { return m_server.serverPort(); }
     void setFaults(const Faults& faults) { m_faults = faults; }

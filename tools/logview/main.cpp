@@ -70,12 +70,14 @@ int main(int argc, char* argv[])
 {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName("d627-logview");
+    QCoreApplication::setApplicationVersion(D627_VERSION);
     QCommandLineParser parser;
     parser.setApplicationDescription(
         "Reads d627 log files and prints a summary of the user's session: runs, login, push "
         "connections, failures by cause, status checks, back-off waits, notices and the "
         "messages sent to the main application.");
     parser.addHelpOption();
+    parser.addVersionOption();
     const QCommandLineOption json("json", "Print the summary as one JSON object.");
     const QCommandLineOption svg("svg", "Draw the session's timeline into <file> (SVG).", "file");
     const QCommandLineOption png("png", "Draw the session's timeline into <file> (PNG).", "file");
@@ -88,6 +90,10 @@ int main(int argc, char* argv[])
     }
     if (parser.isSet("help") || parser.isSet("help-all")) {
         print(stdout, parser.helpText());
+        return Read;
+    }
+    if (parser.isSet("version")) {
+        print(stdout, "d627-logview " D627_VERSION "\n");
         return Read;
     }
     if (parser.positionalArguments().isEmpty()) {

@@ -49,10 +49,12 @@ int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName("d627-mainapp");
+    QCoreApplication::setApplicationVersion(D627_VERSION);
 
     QCommandLineParser parser;
     parser.setApplicationDescription("Stand-in for the main application of the d627 daemon.");
     parser.addHelpOption();
+    parser.addVersionOption();
     const QCommandLineOption daemon("daemon", "Path of the d627 binary to start.", "path",
                                     defaultDaemonPath());
     const QCommandLineOption userId("user-id", "User id of the login message.", "id", "10001");

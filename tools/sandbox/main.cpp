@@ -55,6 +55,7 @@ int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName("d627-sandbox");
+    QCoreApplication::setApplicationVersion(D627_VERSION);
 
     QCommandLineParser parser;
     parser.setApplicationDescription(
@@ -63,6 +64,7 @@ int main(int argc, char** argv)
         "avatar, vip, message, notice, drop, logout, sso, address, push, cookie, status, quit, "
         "help.");
     parser.addHelpOption();
+    parser.addVersionOption();
     const QCommandLineOption httpPort("http-port", "Port of both HTTP services.", "port", "18627");
     const QCommandLineOption pushPort("push-port", "Port of the push server.", "port", "18628");
     const QCommandLineOption https("https", "Serve HTTPS (self-signed) instead of HTTP.");
