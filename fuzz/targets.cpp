@@ -245,7 +245,8 @@ int adapterMessage(const uint8_t* data, size_t size)
             ThreadManager::GetInstance()->CreateThread(1, QVariant("LongConnect")));
         check(parked != nullptr, "client thread created");
         parked->setPollInterval(1UL << 30);
-        QThread::msleep(2000); // its first 1 s pause is over; the next one never ends
+        while (parked->emptyPolls() < 1) // until a pause of that length has begun
+            QThread::msleep(10);
         return new Adapter;
     }();
     adapter->onReadyRead(bytes(data, size));

@@ -27,6 +27,8 @@ namespace entry {
 
 namespace {
 
+constexpr int kLockWaitMs = 100; // for the single-instance lock
+
 // Ends the process without running exit-time destructors or unloading libraries. The client
 // thread is never stopped and may at this moment be inside a socket call or an HTTP request
 // that uses Qt's process-wide statics (proxy settings, socket engine handlers, the meta-type
@@ -53,7 +55,7 @@ int runApplication(int argc, char** argv)
     int code = 0;
     {
         QLockFile lockFile(lockFilePath());
-        const bool locked = !lockFile.isLocked() && lockFile.tryLock(100);
+        const bool locked = !lockFile.isLocked() && lockFile.tryLock(kLockWaitMs);
         if (!locked) {
             qint64 pid = 0;
             QString hostname;

@@ -186,7 +186,7 @@ p = sys.argv[1]
 s = open(p).read().replace(os.environ["ORIG"], os.environ["REPL"], 1)
 open(p, "w").write(s)' "$path"
             verdict=survived
-            if ! cmake --build "$tree/build" --target d627lib >"$log/w$w-mbuild.txt" 2>&1; then
+            if ! cmake --build "$tree/build" --target d627 >"$log/w$w-mbuild.txt" 2>&1; then
                 verdict=nobuild
             else
                 local t lim first

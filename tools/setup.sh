@@ -7,6 +7,8 @@ set -euo pipefail
 mode=${1:-demo}
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${D627_BUILD_DIR:-$root/build}
+# D627_WERROR=ON turns compiler warnings into errors (CI does).
+werror=${D627_WERROR:-OFF}
 
 packages=(g++ cmake ninja-build pkg-config qtbase5-dev liblz4-dev libsodium-dev openssl iproute2 groff-base
     libbenchmark-dev gnuplot-nox nftables)
@@ -23,7 +25,7 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 echo "== building in $build"
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DD627_WERROR="$werror" >/dev/null
 cmake --build "$build" -j"$(nproc)"
 
 case "$mode" in

@@ -1,5 +1,6 @@
 #include "stringencrypt.h"
 
+#include "core/constants.h"
 #include "core/log.h"
 #include "core/sync.h"
 
@@ -14,18 +15,26 @@ namespace {
 
 constexpr char kLibraryName[] = "ec627";
 constexpr char kKeyFormat[] = "#&@!*&@%dKQWZ&!*@";
-constexpr int kTokenBufferSize = 128;
-constexpr int kEncodeTokenBufferSize = 1024;
-constexpr int kGetTokenBufferSize = 1024;
-constexpr int kScratchSize = 16;
-constexpr int kFormBufferSize = 384;
-constexpr qint64 kMaxCapacity = INT_MAX - 1;
+constexpr int kTokenBufferBytes = 128;
+constexpr int kEncodeTokenBufferBytes = 1024;
+constexpr int kGetTokenBufferBytes = 1024;
+constexpr int kScratchBytes = 16;
+constexpr int kFormBufferBytes = 384;
+constexpr qint64 kMinCapacityBytes = 1;
+constexpr qint64 kMaxCapacityBytes = INT_MAX - 1;
+constexpr size_t kSpareBytes = 1;
+// Output buffers: a multiple of the input for the m627 calls and ec627_encode, else the
+// library's own bound plus a margin.
+constexpr qint64 kM627CapacityPerInputByte = 10;
+constexpr qint64 kEncodeCapacityPerInputByte = 3;
+constexpr qint64 kCapacityMarginBytes = 512;
+constexpr qint64 kMsgEncodeMarginBytes = 1;
 
 // A zeroed buffer of `capacity` bytes plus one spare byte, so that data() is never null even
 // for a zero capacity; the library is only ever told about `capacity`.
 std::vector<unsigned char> zeroed(qint64 capacity)
 {
-    return std::vector<unsigned char>(static_cast<size_t>(capacity) + 1, 0);
+    return std::vector<unsigned char>(static_cast<size_t>(capacity) + kSpareBytes, 0);
 }
 
 // Bytes the library reported, bounded by what the buffer can hold.
@@ -64,7 +73,7 @@ void loadLibray()
     // StringEncrypt::Destroy() or the end of the process.
     QLibrary library(kLibraryName);
     if (!library.load()) {
-        LogManager::getInstance()->Msg(0, "load lib ec627 failed!");
+        LogManager::getInstance()->Msg(kLogTrace, "load lib ec627 failed!");
         return;
     }
     f_ec627_init = reinterpret_cast<ec627_init_t>(library.resolve("ec627_init"));
@@ -222,23 +231,23 @@ void StringEncrypt::Init()
     Sync lock(&m_mutex);
     if (!m_m627Ready) {
         if (enctypt::m627_edinit() != 0)
-            LogManager::getInstance()->Msg(1, "init m627 failed!");
+            LogManager::getInstance()->Msg(kLogProgress, "init m627 failed!");
         else
             m_m627Ready = true;
     }
     if (!m_ec627Ready) {
         if (enctypt::ec627_init() != 0)
-            LogManager::getInstance()->Msg(1, "init ec627 failed!");
+            LogManager::getInstance()->Msg(kLogProgress, "init ec627 failed!");
         else
             m_ec627Ready = true;
     }
     // Non-zero means a token was written: the opposite sense of every other call, on purpose.
     // Without the library the wrapper's -1 counts too, and the token becomes 128 NUL characters.
-    unsigned char buffer[kTokenBufferSize] = {};
-    int length = kTokenBufferSize;
+    unsigned char buffer[kTokenBufferBytes] = {};
+    int length = kTokenBufferBytes;
     if (enctypt::ec627_encode_token(static_cast<unsigned int>(m_productNumber), buffer, &length) !=
         0) {
-        const int n = qBound(0, length, kTokenBufferSize);
+        const int n = qBound(0, length, kTokenBufferBytes);
         m_token = QString::fromUtf8(reinterpret_cast<const char*>(buffer), n);
     }
 }
@@ -263,8 +272,8 @@ QString StringEncrypt::token()
 int StringEncrypt::M627Encode(const QByteArray& in, QByteArray& out)
 {
     Sync lock(&m_mutex);
-    const qint64 capacity = 10LL * in.size();
-    if (capacity > kMaxCapacity)
+    const qint64 capacity = kM627CapacityPerInputByte * in.size();
+    if (capacity > kMaxCapacityBytes)
         return -1;
     std::vector<unsigned char> buffer = zeroed(capacity);
     unsigned int length = static_cast<unsigned int>(capacity);
@@ -281,11 +290,11 @@ int StringEncrypt::M627Encode(const QByteArray& in, QByteArray& out)
 int StringEncrypt::M627Decode(const QByteArray& in, QByteArray& out)
 {
     Sync lock(&m_mutex);
-    const qint64 capacity = 10LL * in.size();
-    if (capacity > kMaxCapacity)
+    const qint64 capacity = kM627CapacityPerInputByte * in.size();
+    if (capacity > kMaxCapacityBytes)
         return -1;
     std::vector<unsigned char> buffer = zeroed(capacity);
-    unsigned char scratch[kScratchSize] = {};
+    unsigned char scratch[kScratchBytes] = {};
     unsigned int length = static_cast<unsigned int>(capacity);
     QByteArray key = m_key.toUtf8();
     const int result =
@@ -299,19 +308,19 @@ int StringEncrypt::M627Decode(const QByteArray& in, QByteArray& out)
 int StringEncrypt::Ec627Encode(const QByteArray& in, QByteArray& out, QByteArray& token)
 {
     Sync lock(&m_mutex);
-    const qint64 capacity = 3LL * in.size();
-    if (capacity > kMaxCapacity)
+    const qint64 capacity = kEncodeCapacityPerInputByte * in.size();
+    if (capacity > kMaxCapacityBytes)
         return -1;
     std::vector<unsigned char> buffer = zeroed(capacity);
-    std::vector<unsigned char> tokenBuffer = zeroed(kEncodeTokenBufferSize);
+    std::vector<unsigned char> tokenBuffer = zeroed(kEncodeTokenBufferBytes);
     int length = static_cast<int>(capacity);
-    int tokenLength = kEncodeTokenBufferSize;
+    int tokenLength = kEncodeTokenBufferBytes;
     const int result =
         enctypt::ec627_encode(static_cast<unsigned int>(m_productNumber), bytes(in), in.size(),
                               buffer.data(), &length, tokenBuffer.data(), &tokenLength);
     if (result == 0) {
         out = firstBytes(buffer, length, capacity);
-        token = firstBytes(tokenBuffer, tokenLength, kEncodeTokenBufferSize);
+        token = firstBytes(tokenBuffer, tokenLength, kEncodeTokenBufferBytes);
     }
     return result;
 }
@@ -319,8 +328,9 @@ int StringEncrypt::Ec627Encode(const QByteArray& in, QByteArray& out, QByteArray
 int StringEncrypt::Ec627Decode(const QByteArray& in, QByteArray& out)
 {
     Sync lock(&m_mutex);
-    const qint64 capacity = qint64(enctypt::ec627_decode_len(bytes(in), in.size())) + 512;
-    if (capacity < 1 || capacity > kMaxCapacity)
+    const qint64 capacity =
+        qint64(enctypt::ec627_decode_len(bytes(in), in.size())) + kCapacityMarginBytes;
+    if (capacity < kMinCapacityBytes || capacity > kMaxCapacityBytes)
         return -1;
     std::vector<unsigned char> buffer = zeroed(capacity);
     int length = static_cast<int>(capacity);
@@ -333,8 +343,8 @@ int StringEncrypt::Ec627Decode(const QByteArray& in, QByteArray& out)
 int StringEncrypt::Ec627EncodeData(const QByteArray& in, QByteArray& out)
 {
     Sync lock(&m_mutex);
-    const qint64 capacity = qint64(enctypt::ec627_encode_len(in.size())) + 512;
-    if (capacity < 1 || capacity > kMaxCapacity)
+    const qint64 capacity = qint64(enctypt::ec627_encode_len(in.size())) + kCapacityMarginBytes;
+    if (capacity < kMinCapacityBytes || capacity > kMaxCapacityBytes)
         return -1;
     std::vector<unsigned char> buffer = zeroed(capacity);
     int length = static_cast<int>(capacity);
@@ -348,7 +358,7 @@ int StringEncrypt::Ec627DecodeLen(const QByteArray& in)
 {
     // The encode bound, not ec627_decode_len: the decoder uses it as an upper bound.
     Sync lock(&m_mutex);
-    const qint64 n = qint64(enctypt::ec627_encode_len(in.size())) + 512;
+    const qint64 n = qint64(enctypt::ec627_encode_len(in.size())) + kCapacityMarginBytes;
     return static_cast<int>(qMin<qint64>(n, INT_MAX));
 }
 
@@ -362,8 +372,8 @@ int StringEncrypt::Ec627MsgEncode(unsigned int type, const QByteArray& in, QByte
                                   unsigned char* token, int* tokenLength)
 {
     Sync lock(&m_mutex);
-    const qint64 capacity = qint64(enctypt::ec627_encode_len(in.size())) + 1;
-    if (capacity < 1 || capacity > kMaxCapacity)
+    const qint64 capacity = qint64(enctypt::ec627_encode_len(in.size())) + kMsgEncodeMarginBytes;
+    if (capacity < kMinCapacityBytes || capacity > kMaxCapacityBytes)
         return -1;
     std::vector<unsigned char> buffer = zeroed(capacity);
     int length = static_cast<int>(capacity);
@@ -379,13 +389,13 @@ int StringEncrypt::Ec627GetToken(unsigned int a, unsigned int b, long c, const u
                                  const QByteArray& in, QByteArray& out)
 {
     Sync lock(&m_mutex);
-    std::vector<unsigned char> buffer = zeroed(kGetTokenBufferSize);
-    int length = kGetTokenBufferSize;
+    std::vector<unsigned char> buffer = zeroed(kGetTokenBufferBytes);
+    int length = kGetTokenBufferBytes;
     const int result =
         enctypt::ec627_get_token(a, static_cast<long long>(b), c, d, dLength, e, eLength, bytes(in),
                                  in.size(), buffer.data(), &length);
     if (result == 0)
-        out = firstBytes(buffer, length, kGetTokenBufferSize);
+        out = firstBytes(buffer, length, kGetTokenBufferBytes);
     return result;
 }
 
@@ -403,29 +413,29 @@ QString get_m627_encode_at(QString const& plain, qint64 seconds)
     if (library.load()) {
         const auto init = reinterpret_cast<enctypt::m627_edinit_t>(library.resolve("m627_edinit"));
         if (init && init() == 0)
-            LogManager::getInstance()->Msg(0, "init lib success!");
+            LogManager::getInstance()->Msg(kLogTrace, "init lib success!");
     } else {
-        LogManager::getInstance()->Msg(0, "init lib failed!");
+        LogManager::getInstance()->Msg(kLogTrace, "init lib failed!");
     }
     const auto encode = reinterpret_cast<enctypt::m627_encode_t>(library.resolve("m627_encode"));
     if (!encode)
         return result;
 
-    std::vector<unsigned char> buffer = zeroed(kFormBufferSize);
-    unsigned int length = kFormBufferSize;
+    std::vector<unsigned char> buffer = zeroed(kFormBufferBytes);
+    unsigned int length = kFormBufferBytes;
     QByteArray key = m627KeyForTime(seconds).toUtf8();
     const QByteArray input = plain.toUtf8();
     // The sixth argument is the integer 0 (a null pointer in the library's signature).
     if (encode(bytes(input), static_cast<unsigned int>(input.size()), buffer.data(), &length,
                reinterpret_cast<unsigned char*>(key.data()), nullptr) != 0) {
-        LogManager::getInstance()->Msg(4, "failed to encode");
+        LogManager::getInstance()->Msg(kLogError, "failed to encode");
         return result;
     }
     // The output is NUL-terminated text; the length written back is not used. Never read past
     // the buffer even if the encoder filled it without a terminator.
     const char* text = reinterpret_cast<const char*>(buffer.data());
     const QByteArray cipher =
-        QString::fromUtf8(text, static_cast<int>(qstrnlen(text, kFormBufferSize))).toUtf8();
+        QString::fromUtf8(text, static_cast<int>(qstrnlen(text, kFormBufferBytes))).toUtf8();
     result = QStringLiteral("data=") +
              QString::fromUtf8(cipher.toPercentEncoding(QByteArray(), QByteArray(), '%'));
     return result;

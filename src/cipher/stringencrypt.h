@@ -83,6 +83,9 @@ class StringEncrypt : public QObject
 {
     Q_OBJECT
 public:
+    // The daemon's product number: the first argument of the library's token and encode calls.
+    static constexpr int kProductNumber = 627;
+
     static StringEncrypt* getInstance();
     static void destroyInstance();
     ~StringEncrypt() override;
@@ -115,7 +118,7 @@ private:
     QString m_key;
     bool m_m627Ready = false;
     bool m_ec627Ready = false;
-    int m_productNumber = 627;
+    int m_productNumber = kProductNumber;
     QMutex m_mutex;
 };
 

@@ -1,5 +1,6 @@
 #include "datacenter.h"
 
+#include "constants.h"
 #include "sync.h"
 
 DataCenter* DataCenter::m_this = nullptr;
@@ -44,9 +45,9 @@ void DataCenter::SetLogoutInfor(const CLogoutInfor& info)
 void DataCenter::SetSetting(int setting)
 {
     Sync lock(&m_mutex);
-    m_rcEnvironment = (setting & 1) != 0;
-    m_httpsRequest = (setting & 2) != 0;
-    m_encryptRequest = (setting & 4) != 0;
+    m_rcEnvironment = (setting & kSettingRcEnvironment) != 0;
+    m_httpsRequest = (setting & kSettingHttps) != 0;
+    m_encryptRequest = (setting & kSettingEncryptRequest) != 0;
 }
 
 bool DataCenter::isRcEnvironment()
@@ -159,8 +160,8 @@ void DataCenter::GetVipInfor(int& level, qint64& expire)
 
 bool DataCenter::IsVipChanged()
 {
-    return m_vipLevel.load(std::memory_order_relaxed) != -1 ||
-           m_expireTime.load(std::memory_order_relaxed) != -1;
+    return m_vipLevel.load(std::memory_order_relaxed) != kNoVipLevel ||
+           m_expireTime.load(std::memory_order_relaxed) != kNoExpireTime;
 }
 
 void DataCenter::SetLogLevel(int level)

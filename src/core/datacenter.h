@@ -1,5 +1,6 @@
 #pragma once
 
+#include "constants.h"
 #include "logindata.h"
 
 #include <QMutex>
@@ -63,14 +64,14 @@ private:
     QMutex m_mutex;
     bool m_netError = false;
     QString m_userFace;
-    std::atomic<int> m_vipLevel{-1};
-    std::atomic<qint64> m_expireTime{-1};
+    std::atomic<int> m_vipLevel{kNoVipLevel};
+    std::atomic<qint64> m_expireTime{kNoExpireTime};
     bool m_rcEnvironment = false;
     bool m_httpsRequest = false;
     bool m_encryptRequest = false;
-    int m_logLevel = 0;
+    int m_logLevel = kLogOff;
     QString m_userAgent;
-    int m_mainAppId = 0;
+    int m_mainAppId = kNoMainAppId;
     QString m_mainLockFile;
     bool m_mainAppExist = true;
 };

@@ -1,5 +1,6 @@
 #include "log.h"
 
+#include "constants.h"
 #include "datacenter.h"
 #include "sync.h"
 
@@ -15,9 +16,11 @@
 #include <unistd.h>
 
 namespace {
-constexpr int kPrefixSize = 512;
-constexpr int kBodySize = 2048;
+constexpr int kPrefixBytes = 512;
+constexpr int kBodyBytes = 2048;
 constexpr time_t kRecycleSeconds = 3600;
+constexpr mode_t kOwnerOnlyDirMode = 0700;
+constexpr mode_t kOwnerOnlyFileMode = 0600;
 
 time_t systemClock()
 {
@@ -29,17 +32,17 @@ time_t systemClock()
 void makeOwnerOnlyDir(const QString& path)
 {
     const QByteArray native = QFile::encodeName(path);
-    ::mkdir(native.constData(), 0700);
-    ::chmod(native.constData(), 0700);
+    ::mkdir(native.constData(), kOwnerOnlyDirMode);
+    ::chmod(native.constData(), kOwnerOnlyDirMode);
 }
 
 void openOwnerOnly(QFile& file)
 {
     // Created (or tightened) here first, so that QFile only ever opens an owner-only file.
     const int fd = ::open(QFile::encodeName(file.fileName()).constData(),
-                          O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+                          O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kOwnerOnlyFileMode);
     if (fd >= 0) {
-        ::fchmod(fd, 0600);
+        ::fchmod(fd, kOwnerOnlyFileMode);
         ::close(fd);
     }
     file.open(QIODevice::WriteOnly | QIODevice::Append);
@@ -66,12 +69,12 @@ void LogManager::destroyInstance()
 bool LogManager::isEnabled(int level)
 {
     const int threshold = DataCenter::getInstance()->GetLogLevel();
-    return threshold != 0 && threshold <= level;
+    return threshold != kLogOff && threshold <= level;
 }
 
 void LogManager::init()
 {
-    if (DataCenter::getInstance()->GetLogLevel() == 0)
+    if (DataCenter::getInstance()->GetLogLevel() == kLogOff)
         return;
 
     const QString documents = QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation);
@@ -98,7 +101,7 @@ void LogManager::Msg(int level, const char* format, ...)
 {
     if (!isEnabled(level))
         return;
-    char body[kBodySize] = {};
+    char body[kBodyBytes] = {};
     va_list args;
     va_start(args, format);
     vsnprintf(body, sizeof body, format, args); // NOLINT(clang-analyzer-valist.Uninitialized)
@@ -108,7 +111,7 @@ void LogManager::Msg(int level, const char* format, ...)
 
 void LogManager::write(const char* body)
 {
-    char prefix[kPrefixSize] = {};
+    char prefix[kPrefixBytes] = {};
     snprintf(prefix, sizeof prefix, "[%05llu]%s", static_cast<unsigned long long>(pthread_self()),
              QDateTime::currentDateTime()
                  .toString("yyyy-MM-dd hh:mm:ss.zzz  ")
@@ -159,7 +162,7 @@ Infor::Infor(int level, const std::string& name, const char* format, ...)
 {
     if (!LogManager::isEnabled(level))
         return;
-    char text[kBodySize] = {};
+    char text[kBodyBytes] = {};
     va_list args;
     va_start(args, format);
     vsnprintf(text, sizeof text, format, args); // NOLINT(clang-analyzer-valist.Uninitialized)

@@ -1,8 +1,10 @@
 #include "adapter.h"
 
 #include "communication.h"
+#include "core/constants.h"
 #include "core/datacenter.h"
 #include "core/log.h"
+#include "threads/constants.h"
 #include "threads/threadmanager.h"
 
 #include <QCoreApplication>
@@ -13,10 +15,6 @@
 namespace {
 constexpr int kCheckIntervalMs = 1000;
 constexpr int kSendIntervalMs = 200;
-constexpr int kClientThread = 1;
-constexpr int kMainAppDetectThread = 4;
-const char* const kClientTag = "LongConnect";
-const char* const kMainAppDetectTag = "MainAppDetect";
 } // namespace
 
 Adapter::Adapter() : m_communication(new Communication(this))
@@ -36,9 +34,9 @@ Adapter::~Adapter()
 
 int Adapter::start()
 {
-    Infor tracer(0, "Adapter_start");
+    Infor tracer(kLogTrace, "Adapter_start");
     if (!m_communication->start()) {
-        LogManager::getInstance()->Msg(4, "communication start failed!");
+        LogManager::getInstance()->Msg(kLogError, "communication start failed!");
         return 0;
     }
     return 1;
@@ -46,18 +44,18 @@ int Adapter::start()
 
 void Adapter::onConnected()
 {
-    ThreadManager::GetInstance()->StopThread(kMainAppDetectThread, QVariant(kMainAppDetectTag));
+    ThreadManager::GetInstance()->StopThread(kThreadMainAppDetect, QVariant(kMainAppDetectTag));
 }
 
 void Adapter::onDisconnected()
 {
-    ThreadManager::GetInstance()->CreateThread(kMainAppDetectThread, QVariant(kMainAppDetectTag));
+    ThreadManager::GetInstance()->CreateThread(kThreadMainAppDetect, QVariant(kMainAppDetectTag));
 }
 
 void Adapter::onReadyRead(const QByteArray& data)
 {
-    Infor tracer(0, "Adapter_onReadyRead");
-    LogManager::getInstance()->Msg(1, "read from 627 data is %s", data.constData());
+    Infor tracer(kLogTrace, "Adapter_onReadyRead");
+    LogManager::getInstance()->Msg(kLogProgress, "read from 627 data is %s", data.constData());
 
     QJsonParseError error{};
     const QJsonDocument document = QJsonDocument::fromJson(data, &error);
@@ -84,7 +82,7 @@ void Adapter::onReadyRead(const QByteArray& data)
     center->SetMainAppExist(true);
     center->SetLogoutInfor(CLogoutInfor());
     LogManager::getInstance()->init();
-    ThreadManager::GetInstance()->CreateThread(kClientThread, QVariant(kClientTag));
+    ThreadManager::GetInstance()->CreateThread(kThreadClient, QVariant(kClientThreadTag));
 }
 
 void Adapter::timerEvent(QTimerEvent* event)
@@ -105,7 +103,7 @@ void Adapter::CheckMainApp()
         ThreadManager::GetInstance()->CleanThread();
         return;
     }
-    LogManager::getInstance()->Msg(3, "627 is not exist, exit app");
+    LogManager::getInstance()->Msg(kLogImportant, "627 is not exist, exit app");
     QCoreApplication::exit(0);
 }
 
@@ -116,7 +114,7 @@ bool Adapter::SendLogoutToMainApp()
     if (!logout.isLogout)
         return false;
 
-    LogManager::getInstance()->Msg(3, "user is logout! message is %s",
+    LogManager::getInstance()->Msg(kLogImportant, "user is logout! message is %s",
                                    logout.message.toUtf8().constData());
     QJsonObject object;
     object.insert("logout", logout.message);
@@ -130,7 +128,7 @@ bool Adapter::IsNeedSendNetError()
     if (netError == m_lastNetError)
         return false;
     // The words are the reverse of the state; the main application's logs expect them so.
-    LogManager::getInstance()->Msg(1, "net is changed! net is %s",
+    LogManager::getInstance()->Msg(kLogProgress, "net is changed! net is %s",
                                    netError ? "normal" : "abnormal");
     m_lastNetError = netError;
     return true;
@@ -153,12 +151,12 @@ void Adapter::SendOtherToMainApp()
         center->SetUserFace(QString());
     }
     if (vip) {
-        int level = -1;
-        qint64 expire = -1;
+        int level = kNoVipLevel;
+        qint64 expire = kNoExpireTime;
         center->GetVipInfor(level, expire);
         object.insert("vip_level", level);
         object.insert("expire_time", expire);
-        center->SetVipInfor(-1, -1);
+        center->SetVipInfor(kNoVipLevel, kNoExpireTime);
     }
     m_communication->sendMessage(QJsonDocument(object).toJson(QJsonDocument::Compact));
 }

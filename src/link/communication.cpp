@@ -1,5 +1,6 @@
 #include "communication.h"
 
+#include "core/constants.h"
 #include "core/log.h"
 
 #include <QLocalServer>
@@ -42,14 +43,14 @@ bool Communication::start()
             QString("Application Error: failed to start listening to %1 server, error %2")
                 .arg(name)
                 .arg(static_cast<int>(m_server->serverError()));
-        LogManager::getInstance()->Msg(4, "%s", text.toUtf8().constData());
+        LogManager::getInstance()->Msg(kLogError, "%s", text.toUtf8().constData());
     }
     return listening;
 }
 
 void Communication::stop()
 {
-    LogManager::getInstance()->Msg(1, "local server close");
+    LogManager::getInstance()->Msg(kLogProgress, "local server close");
     m_server->close();
 }
 
@@ -57,14 +58,15 @@ void Communication::sendMessage(const QByteArray& message)
 {
     if (!m_socket)
         return;
-    LogManager::getInstance()->Msg(1, "Communication::sendMessage msg is %s", message.constData());
+    LogManager::getInstance()->Msg(kLogProgress, "Communication::sendMessage msg is %s",
+                                   message.constData());
     m_socket->write(message);
     m_socket->flush();
 }
 
 void Communication::onSocketConnected()
 {
-    Infor tracer(0, "Communication_onSocketConnected");
+    Infor tracer(kLogTrace, "Communication_onSocketConnected");
     QLocalSocket* socket = m_server->nextPendingConnection();
     if (!socket || !isOwnUser(socket))
         return;
@@ -80,7 +82,8 @@ bool Communication::isOwnUser(QLocalSocket* socket)
     if (peer == qint64(::geteuid()))
         return true;
     // Nothing of it has been read yet, and nothing will be.
-    LogManager::getInstance()->Msg(4, "local connection of another user (uid %lld) closed unread",
+    LogManager::getInstance()->Msg(kLogError,
+                                   "local connection of another user (uid %lld) closed unread",
                                    static_cast<long long>(peer));
     socket->abort();
     socket->deleteLater();
@@ -94,12 +97,13 @@ void Communication::OnReadyRead()
         return;
     const QByteArray data = socket->readAll();
     emit readyRead(data);
-    LogManager::getInstance()->Msg(1, "Communication::OnReadyRead data is %s", data.constData());
+    LogManager::getInstance()->Msg(kLogProgress, "Communication::OnReadyRead data is %s",
+                                   data.constData());
 }
 
 void Communication::onDisConnected()
 {
-    LogManager::getInstance()->Msg(1, "local socket disconnected");
+    LogManager::getInstance()->Msg(kLogProgress, "local socket disconnected");
     m_socket = nullptr;
     emit disconnected();
 }

@@ -6,7 +6,7 @@
 #include "clienttcpsocket.h"
 #include "core/data.h"
 #include "core/datacenter.h"
-#include "serviceurls.h"
+#include "core/serviceurls.h"
 
 #include <QDateTime>
 #include <QRandomGenerator>

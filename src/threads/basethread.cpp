@@ -1,5 +1,6 @@
 #include "basethread.h"
 
+#include "core/constants.h"
 #include "core/log.h"
 #include "core/sync.h"
 
@@ -76,7 +77,8 @@ int CBaseThread::GetType()
 void CBaseThread::run()
 {
     SetThreadId();
-    LogManager::getInstance()->Msg(3, "[thread]name:%s tId:%llu", metaObject()->className(),
+    LogManager::getInstance()->Msg(kLogImportant, "[thread]name:%s tId:%llu",
+                                   metaObject()->className(),
                                    static_cast<unsigned long long>(GetThreadId()));
 }
 

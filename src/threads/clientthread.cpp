@@ -1,11 +1,17 @@
 #include "clientthread.h"
 
+#include "core/constants.h"
 #include "core/data.h"
 #include "core/datacenter.h"
 #include "core/log.h"
+#include "core/sync.h"
 #include "push/client.h"
 
-ClientThread::ClientThread() = default;
+namespace {
+constexpr unsigned long kLoginPollMs = 1000; // between two looks at the login record
+} // namespace
+
+ClientThread::ClientThread() : m_pollMs(kLoginPollMs) {}
 
 // The MsgClient is left alone on purpose: it lives until the process ends.
 ClientThread::~ClientThread() = default;
@@ -13,7 +19,7 @@ ClientThread::~ClientThread() = default;
 // Runs on the client thread.
 void ClientThread::run()
 {
-    Infor tracer(0, std::string(metaObject()->className()) + "_run");
+    Infor tracer(kLogTrace, std::string(metaObject()->className()) + "_run");
     CBaseThread::run();
 
     CLoginInfor info;
@@ -21,10 +27,30 @@ void ClientThread::run()
         DataCenter::getInstance()->GetLoginInfor(info);
         if (!info.userId.isEmpty())
             break;
-        QThread::msleep(m_pollMs.load());
+        QThread::msleep(nextPauseMs());
     }
 
     // Created here, so it has this thread's affinity: its slots and timers run on this thread.
     m_client.store(new MsgClient(nullptr));
     exec();
+}
+
+void ClientThread::setPollInterval(unsigned long msec)
+{
+    Sync lock(&m_pollMutex);
+    m_pollMs = msec;
+    m_emptyPolls = 0;
+}
+
+int ClientThread::emptyPolls()
+{
+    Sync lock(&m_pollMutex);
+    return m_emptyPolls;
+}
+
+unsigned long ClientThread::nextPauseMs()
+{
+    Sync lock(&m_pollMutex);
+    ++m_emptyPolls;
+    return m_pollMs;
 }

@@ -2,6 +2,7 @@
 
 #include "basethread.h"
 
+#include <QMutex>
 #include <atomic>
 
 class MsgClient;
@@ -23,9 +24,17 @@ public:
     // The push connection once created (null before); it is never deleted.
     MsgClient* client() const { return m_client.load(); }
     // Pause between two looks at the login record; one second unless a test shortens it.
-    void setPollInterval(unsigned long msec) { m_pollMs = msec; }
+    void setPollInterval(unsigned long msec);
+    // Looks that found no user id since the interval was last set; each is followed by a pause
+    // of that interval.
+    int emptyPolls();
 
 private:
+    // The next pause, counted as one more empty look.
+    unsigned long nextPauseMs();
+
     std::atomic<MsgClient*> m_client{nullptr};
-    std::atomic<unsigned long> m_pollMs{1000};
+    QMutex m_pollMutex;
+    unsigned long m_pollMs;
+    int m_emptyPolls = 0;
 };

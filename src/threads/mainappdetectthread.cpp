@@ -1,5 +1,6 @@
 #include "mainappdetectthread.h"
 
+#include "core/constants.h"
 #include "core/datacenter.h"
 #include "core/log.h"
 
@@ -15,7 +16,7 @@ constexpr unsigned long kPauseSeconds = 1;
 // Runs on the watchdog thread.
 void CMainAppDetectThread::run()
 {
-    Infor tracer(0, std::string(metaObject()->className()) + "_run");
+    Infor tracer(kLogTrace, std::string(metaObject()->className()) + "_run");
     CBaseThread::run();
 
     while (!m_quit.load(std::memory_order_relaxed)) {
@@ -28,7 +29,7 @@ void CMainAppDetectThread::run()
 // Called from the main thread, under the registry lock.
 void CMainAppDetectThread::Quit()
 {
-    LogManager::getInstance()->Msg(3, "mainapp detect thread receive quit flag");
+    LogManager::getInstance()->Msg(kLogImportant, "mainapp detect thread receive quit flag");
     m_quit.store(true, std::memory_order_relaxed);
 }
 
@@ -43,13 +44,13 @@ bool CMainAppDetectThread::isFileLocked()
     if (!lockFile.isLocked()) {
         if (lockFile.tryLock(kLockWaitMs)) {
             lockFile.unlock();
-            LogManager::getInstance()->Msg(3, "627 is not runing!");
+            LogManager::getInstance()->Msg(kLogImportant, "627 is not runing!");
             return false;
         }
     }
 
     const int announced = data->GetMainAppId();
-    if (announced == 0)
+    if (announced == kNoMainAppId)
         return true;
 
     qint64 owner = 0;
@@ -57,8 +58,8 @@ bool CMainAppDetectThread::isFileLocked()
     QString appname;
     if (lockFile.getLockInfo(&owner, &hostname, &appname) && announced != owner) {
         LogManager::getInstance()->Msg(
-            3, "627 is running, but pid(%d) is not same  with now appid(%lld)!", announced,
-            static_cast<long long>(owner));
+            kLogImportant, "627 is running, but pid(%d) is not same  with now appid(%lld)!",
+            announced, static_cast<long long>(owner));
         return false;
     }
     return true;
@@ -67,7 +68,7 @@ bool CMainAppDetectThread::isFileLocked()
 bool CMainAppDetectThread::isAppExist()
 {
     const int announced = DataCenter::getInstance()->GetMainAppId();
-    if (announced == 0)
+    if (announced == kNoMainAppId)
         return true;
 
     const QString command =

@@ -1,5 +1,6 @@
 #include "networkdetectthread.h"
 
+#include "core/constants.h"
 #include "core/datacenter.h"
 #include "core/log.h"
 
@@ -10,13 +11,14 @@ namespace {
 constexpr const char* kProbeCommand = "ping example.com -n 2 -w 500";
 constexpr const char* kReplyMarker = "ttl=";
 constexpr int kProbeWaitMs = 30000;
+constexpr int kKillWaitMs = 1000; // for a probe stopped past its time
 constexpr unsigned long kPauseSeconds = 1;
 } // namespace
 
 // Runs on the probe thread.
 void CNetWorkDetectThread::run()
 {
-    Infor tracer(0, std::string(metaObject()->className()) + "_run");
+    Infor tracer(kLogTrace, std::string(metaObject()->className()) + "_run");
     CBaseThread::run();
 
     // One process object, reused for every probe.
@@ -29,7 +31,7 @@ void CNetWorkDetectThread::run()
         if (process.state() != QProcess::NotRunning) {
             // A probe past its time is judged on what it printed; do not let it linger.
             process.kill();
-            process.waitForFinished(1000);
+            process.waitForFinished(kKillWaitMs);
         }
         QThread::sleep(kPauseSeconds);
     }
@@ -38,6 +40,6 @@ void CNetWorkDetectThread::run()
 // Called from the main thread, under the registry lock.
 void CNetWorkDetectThread::Quit()
 {
-    LogManager::getInstance()->Msg(3, "network detect thread receive quit flag");
+    LogManager::getInstance()->Msg(kLogImportant, "network detect thread receive quit flag");
     m_quit.store(true, std::memory_order_relaxed);
 }

@@ -2,6 +2,8 @@
 
 #include "basethread.h"
 #include "clientthread.h"
+#include "constants.h"
+#include "core/constants.h"
 #include "core/log.h"
 #include "core/sync.h"
 #include "mainappdetectthread.h"
@@ -26,7 +28,7 @@ void ThreadManager::DestroyInstance()
 
 void ThreadManager::Init()
 {
-    LogManager::getInstance()->Msg(1, "[ThreadManager]init");
+    LogManager::getInstance()->Msg(kLogProgress, "[ThreadManager]init");
 }
 
 bool ThreadManager::Exist(int type, const QVariant& data)
@@ -40,19 +42,19 @@ CBaseThread* ThreadManager::CreateThread(int type, const QVariant& data)
 {
     Sync lock(&m_mutex);
     if (Exist(type, data)) {
-        LogManager::getInstance()->Msg(3, "exist the same valid thread");
+        LogManager::getInstance()->Msg(kLogImportant, "exist the same valid thread");
         return nullptr;
     }
 
     CBaseThread* thread = nullptr;
     switch (type) {
-    case 1:
+    case kThreadClient:
         thread = new ClientThread;
         break;
-    case 2:
+    case kThreadNetworkDetect:
         thread = new CNetWorkDetectThread;
         break;
-    case 4:
+    case kThreadMainAppDetect:
         thread = new CMainAppDetectThread;
         break;
     default:
@@ -83,9 +85,10 @@ bool ThreadManager::IsInvalidThreadExist(int type, const QVariant& data, int wai
         if (thread->GetValid() || thread->GetType() != type || thread->GetData() != data)
             continue;
         thread->Quit();
-        LogManager::getInstance()->Msg(1, "invalid main thread is exist");
+        LogManager::getInstance()->Msg(kLogProgress, "invalid main thread is exist");
         if (waited > limit) {
-            LogManager::getInstance()->Msg(3, "!!! over time, terminate invalid main thread");
+            LogManager::getInstance()->Msg(kLogImportant,
+                                           "!!! over time, terminate invalid main thread");
             thread->terminate();
         }
         return true;
@@ -95,11 +98,11 @@ bool ThreadManager::IsInvalidThreadExist(int type, const QVariant& data, int wai
 
 void ThreadManager::StopThread(int type, const QVariant& data)
 {
-    Infor tracer(0, std::string(metaObject()->className()) + "_StopThread");
+    Infor tracer(kLogTrace, std::string(metaObject()->className()) + "_StopThread");
     Sync lock(&m_mutex);
     for (CBaseThread* thread : qAsConst(m_threads)) {
         if (thread->GetType() == type && thread->GetData() == data) {
-            LogManager::getInstance()->Msg(1, "found main thread");
+            LogManager::getInstance()->Msg(kLogProgress, "found main thread");
             thread->Quit();
             thread->SetValid(false);
         }

@@ -8,8 +8,8 @@
 class CBaseThread;
 
 // Registry of worker threads, used from the main thread only. Threads are created by type
-// (1 client, 2 network probe, 4 main-application watchdog), stopped by type and tag, and
-// deleted once finished. Nothing here waits for a thread.
+// (threads/constants.h: client, network probe, main-application watchdog), stopped by type and
+// tag, and deleted once finished. Nothing here waits for a thread.
 class ThreadManager : public QObject
 {
     Q_OBJECT

@@ -1,5 +1,7 @@
 #include "requesthttps.h"
 
+#include "constants.h"
+#include "core/constants.h"
 #include "core/datacenter.h"
 #include "core/log.h"
 #include "core/sync.h"
@@ -21,6 +23,10 @@ const char* const kFormContentType = "application/x-www-form-urlencoded;charset=
 // Session cookies that are folded back into the login record.
 const char* const kKeptCookies[] = {"USERSESSIONID", "PHPSESSID", "acw_tc"};
 const char* const kGateClosed = "network access closed";
+// The rc environment's host: the first ".627." becomes ".627rc.".
+const char* const kRcHostFrom = ".627.";
+const char* const kRcHostTo = ".627rc.";
+constexpr int kCookieParts = 2; // name=value
 
 // The network gate: once closed (the process is ending), no access manager is made or
 // destroyed and no request is issued. Held while a manager is made, destroyed or used to start
@@ -75,7 +81,7 @@ int CRequestHttps::SendRequest(QString url, int method, QMap<QString, QString> h
     }
     const bool useTls = ConfigUrl(url);
     headers["User-Agent"] = DataCenter::getInstance()->GetUserAgent();
-    if (method == 1 && !headers.contains(kContentType))
+    if (method == kHttpPost && !headers.contains(kContentType))
         headers[kContentType] = kFormContentType;
     setCookie(headers);
     m_request->setUrl(QUrl(url));
@@ -94,16 +100,16 @@ int CRequestHttps::SendRequest(QString url, int method, QMap<QString, QString> h
 
     QNetworkReply* networkReply = nullptr;
     switch (method) {
-    case 0:
+    case kHttpGet:
         networkReply = m_manager->get(*m_request);
         break;
-    case 1:
+    case kHttpPost:
         networkReply = m_manager->post(*m_request, body);
         break;
-    case 3:
+    case kHttpHead:
         networkReply = m_manager->head(*m_request);
         break;
-    case 4:
+    case kHttpDelete:
         networkReply = m_manager->deleteResource(*m_request);
         break;
     default:
@@ -147,9 +153,9 @@ int CRequestHttps::SendRequest(QString url, int method, QMap<QString, QString> h
         config();
 
     QNetworkReply* networkReply = nullptr;
-    if (method == 0) {
+    if (method == kHttpGet) {
         networkReply = m_manager->get(*m_request);
-    } else if (method == 1) {
+    } else if (method == kHttpPost) {
         if (formParts) {
             auto* multiPart = new QHttpMultiPart(QHttpMultiPart::FormDataType);
             for (auto it = formParts->constBegin(); it != formParts->constEnd(); ++it) {
@@ -206,9 +212,10 @@ bool CRequestHttps::ConfigUrl(QString& url)
     DataCenter* data = DataCenter::getInstance();
     if (data->isRcEnvironment()) {
         QString host = qurl.host(QUrl::FullyDecoded);
-        const int at = host.indexOf(".627.");
+        const QLatin1String from(kRcHostFrom);
+        const int at = host.indexOf(from);
         if (at >= 0) {
-            host.replace(at, 5, ".627rc.");
+            host.replace(at, from.size(), QLatin1String(kRcHostTo));
             qurl.setHost(host, QUrl::DecodedMode);
         }
     } else if (data->isHttpsRequest() && isUrlProtocol(qurl, "http")) {
@@ -224,7 +231,7 @@ int CRequestHttps::ReplyFinishHttpsRequest(QNetworkReply* reply, QByteArray& out
     const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
     if (status.isValid()) {
         out = reply->readAll();
-        result = status.toInt() == 200 ? 0 : -1;
+        result = status.toInt() == kHttpStatusOk ? 0 : -1;
     } else {
         qDebug() << status.toInt();
         qDebug() << "url is " << reply->url();
@@ -253,7 +260,7 @@ void CRequestHttps::setCookie(const QMap<QString, QString>& headers)
 bool CRequestHttps::SetCookieValue(QStringList& cookies, const QString& cookie)
 {
     const QStringList nameValue = cookie.split("=", Qt::KeepEmptyParts);
-    if (nameValue.size() != 2)
+    if (nameValue.size() != kCookieParts)
         return false;
 
     for (int i = 0; i < cookies.size(); ++i) {
@@ -262,7 +269,7 @@ bool CRequestHttps::SetCookieValue(QStringList& cookies, const QString& cookie)
         if (!cookies.at(i).startsWith(nameValue.at(0)))
             continue;
         const QStringList entry = cookies.at(i).split("=", Qt::KeepEmptyParts);
-        if (entry.size() != 2)
+        if (entry.size() != kCookieParts)
             return false;
         if (entry.at(1) == nameValue.at(1))
             return false;
@@ -303,7 +310,7 @@ void CRequestHttps::SetCookieBasedRelyHeader(const QString& setCookieHeader)
         if (!entry.isEmpty())
             cookieText += entry + ";"; // cppcheck-suppress useStlAlgorithm
     }
-    LogManager::getInstance()->Msg(0, "cookie changed and cookie is %s",
+    LogManager::getInstance()->Msg(kLogTrace, "cookie changed and cookie is %s",
                                    cookieText.toUtf8().constData());
     info.cookies["cookie"] = cookieText;
     DataCenter::getInstance()->SetLoginInfor(info);

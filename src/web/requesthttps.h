@@ -23,8 +23,9 @@ bool isUrlProtocol(const QUrl& url, const QString& scheme);
 // (the client thread in the daemon), so that thread's other events keep being delivered while
 // it waits. The object must be used on the thread that created it.
 //
-// Method codes: 0 GET, 1 POST, 3 HEAD, 4 DELETE (five-argument overload only). Code 2 and any
-// other code make no request; such a call returns -1 at once.
+// Method codes (web/constants.h): kHttpGet, kHttpPost, kHttpHead and kHttpDelete (the last two
+// in the five-argument overload only). Code 2 and any other code make no request; such a call
+// returns -1 at once.
 class CRequestHttps : public QObject
 {
     Q_OBJECT

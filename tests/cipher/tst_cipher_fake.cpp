@@ -10,7 +10,7 @@
 #include <functional>
 #include <numeric>
 
-class TstCipherFake : public QObject
+class tst_CipherFake : public QObject
 {
     Q_OBJECT
     QLibrary m_lib{"ec627"};
@@ -234,5 +234,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TstCipherFake)
+QTEST_GUILESS_MAIN(tst_CipherFake)
 #include "tst_cipher_fake.moc"

@@ -24,7 +24,7 @@ QByteArray rspHead(const char* magic, quint32 seq, bool compressed, quint32 leng
 }
 } // namespace
 
-class TstStringEncrypt : public QObject
+class tst_StringEncrypt : public QObject
 {
     Q_OBJECT
     LogCapture m_log;
@@ -201,5 +201,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TstStringEncrypt)
+QTEST_GUILESS_MAIN(tst_StringEncrypt)
 #include "tst_stringencrypt.moc"

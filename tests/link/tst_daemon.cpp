@@ -1,7 +1,7 @@
+#include "core/serviceurls.h"
 #include "httpstub.h"
 #include "link/communication.h"
 #include "ownership.h"
-#include "serviceurls.h"
 
 #include <QDir>
 #include <QLocalSocket>
@@ -9,6 +9,8 @@
 #include <QTemporaryDir>
 #include <QtTest>
 #include <signal.h>
+#include <sys/inotify.h>
+#include <unistd.h>
 
 namespace {
 const QString kDaemon = QString(D627_BIN_DIR) + "/d627";
@@ -114,22 +116,38 @@ void tst_Daemon::secondAndStaleInstances()
 
 void tst_Daemon::mainAppLockReleasedWhileLinkDown_exits()
 {
+    const QString lock = m_dir->path() + "/main.lock";
     QProcess holder;
-    holder.start(QString(D627_BIN_DIR) + "/lockholder", {m_dir->path() + "/main.lock"});
+    holder.start(QString(D627_BIN_DIR) + "/lockholder", {lock});
     QVERIFY(holder.waitForReadyRead(30000));
+    // The watchdog reads the held lock file at every look; inotify counts the opens.
+    const int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    QVERIFY(inotify_add_watch(watch, QFile::encodeName(lock).constData(), IN_OPEN) >= 0);
+    int opens = 0;
+    const auto countOpens = [&] {
+        alignas(inotify_event) char events[4096];
+        for (ssize_t n; (n = ::read(watch, events, sizeof events)) > 0;) {
+            for (ssize_t at = 0; at < n; ++opens)
+                at += ssize_t(sizeof(inotify_event)) +
+                      reinterpret_cast<inotify_event*>(events + at)->len;
+        }
+        return opens;
+    };
     QLocalSocket socket;
     start(m_daemon, &socket);
     // No user id: the client thread waits and never dials a service.
     socket.write(QString(R"({"user_id":"","pid":%1,"lockfile":"%2","loglevel":1})")
                      .arg(holder.processId())
-                     .arg(m_dir->path() + "/main.lock")
+                     .arg(lock)
                      .toUtf8());
     socket.flush();
     QTRY_VERIFY_WITH_TIMEOUT(logText().contains("OnReadyRead data is"), 30000);
     socket.disconnectFromServer();
 
-    // While the main application holds its lock, the daemon stays.
-    QVERIFY(!m_daemon.waitForFinished(2500));
+    // While the main application holds its lock, the daemon stays, look after look.
+    QTRY_VERIFY_WITH_TIMEOUT(countOpens() >= 9, 30000);
+    ::close(watch);
+    QCOMPARE(m_daemon.state(), QProcess::Running);
     holder.closeWriteChannel();
     QVERIFY(holder.waitForFinished(30000));
     endsWithZero(m_daemon);

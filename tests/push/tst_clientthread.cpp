@@ -8,8 +8,9 @@
 #include "threads/threadmanager.h"
 
 #include <QtTest>
+#include <atomic>
 
-class TestClientThread : public QObject
+class tst_ClientThread : public QObject
 {
     Q_OBJECT
 
@@ -34,7 +35,7 @@ private slots:
         QCOMPARE(thread->GetType(), 1);
         QVERIFY(manager->CreateThread(1, QVariant("LongConnect")) == nullptr);
         QTRY_VERIFY_WITH_TIMEOUT(thread->GetThreadId() != 0, 30000);
-        QTest::qWait(300); // polls go by without a user id
+        QTRY_VERIFY_WITH_TIMEOUT(thread->emptyPolls() >= 3, 30000); // no user id yet
         QVERIFY(thread->client() == nullptr);
         QVERIFY(thread->isRunning());
 
@@ -44,9 +45,12 @@ private slots:
         QCOMPARE(thread->client()->thread(), static_cast<QThread*>(thread));
         QVERIFY(thread->client()->parent() == nullptr);
 
-        // Quit() does nothing for this thread; ending its event loop ends it.
+        // Quit() does nothing for this thread: its event loop still runs. Ending the loop ends it.
         thread->Quit();
-        QTest::qWait(50);
+        std::atomic<bool> ran{false};
+        QMetaObject::invokeMethod(
+            thread->client(), [&ran] { ran = true; }, Qt::QueuedConnection);
+        QTRY_VERIFY_WITH_TIMEOUT(ran, 30000);
         QVERIFY(thread->isRunning());
         thread->quit();
         QVERIFY(thread->wait(30000));
@@ -55,5 +59,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TestClientThread)
+QTEST_GUILESS_MAIN(tst_ClientThread)
 #include "tst_clientthread.moc"

@@ -3,11 +3,8 @@
 
 #include "core/data.h"
 #include "core/datacenter.h"
-#include "httpstub.h"
 #include "logcapture.h"
-#include "push/client.h"
-#include "pushstub.h"
-#include "pushwire.h"
+#include "pushservices.h"
 
 #include <QDateTime>
 #include <QTcpServer>
@@ -18,10 +15,6 @@ namespace {
 const QByteArray kRecordCookie = "USERSESSIONID=u;PHPSESSID=p;";
 const QByteArray kQueryText = R"({"id":"0", "type":627, "max":"100"})";
 constexpr qint64 kSessionEpochMs = 1514736000000LL;
-const QByteArray kAddress = "/get_tcp_server";
-const QByteArray kSso = "/app/1.0/linux/5.0.1/check/sso";
-const QByteArray kSsoValid = R"({"state":0,"message":""})";
-const QByteArray kSsoKicked = R"({"state":1,"message":"kicked"})";
 constexpr int kIdleStepMs = 3600 * 1000; // a process that never gets past its first step
 
 qint64 g_now = 1700000000; // the back-off's clock
@@ -47,80 +40,9 @@ QPair<int, qint64> vipInfor()
     DataCenter::getInstance()->GetVipInfor(level, expire);
     return {level, expire};
 }
-
-// Steps, checks and back-off seconds in milliseconds; the heartbeat keeps its production period
-// unless a test is about it, so that a slow echo never sets off its watchdog.
-MsgClientTimes fastTimes(int stepMs = 20)
-{
-    MsgClientTimes times;
-    times.stepMs = stepMs;
-    times.netErrorMs = 100;
-    times.socketWaitMs = 5000;
-    times.backoffSecondMs = 10;
-    return times;
-}
-QByteArray addressAnswer(const QStringList& servers)
-{
-    const QString list = servers.isEmpty() ? QString() : "\"" + servers.join("\",\"") + "\"";
-    return R"({"state":1,"data":{"server":[)" + list.toUtf8() + "]}}";
-}
-
-// The push server and the two HTTP services: the address one fails `addressFailures` times
-// (503), then gives `addressBody` (this push server by default); the status one gives `sso`.
-struct PushServices
-{
-    int addressFailures = 0;
-    QByteArray addressBody;
-    HttpStubResponse sso = HttpStubResponse::json(kSsoValid);
-    HttpStub http;
-    PushStub push;
-
-    bool start()
-    {
-        if (!push.listen(0) || !http.listen(0))
-            return false;
-        addressBody = addressAnswer({QString::fromLatin1(push.address())});
-        http.route(kAddress, [this](const HttpStubRequest&) {
-            if (addressFailures-- > 0)
-                return HttpStubResponse::json("unavailable", 503);
-            return HttpStubResponse::json(addressBody);
-        });
-        http.route(kSso, [this](const HttpStubRequest&) { return sso; });
-        return true;
-    }
-    std::unique_ptr<MsgClient> client(const MsgClientTimes& times = fastTimes())
-    {
-        std::unique_ptr<MsgClient> client(new MsgClient(nullptr, times));
-        client->setServiceUrls(http.baseUrl() + kAddress, http.baseUrl() + kSso);
-        return client;
-    }
-    // A client at its running step; a test that waits for it in vain has failed.
-    std::unique_ptr<MsgClient> running(const MsgClientTimes& times = fastTimes())
-    {
-        std::unique_ptr<MsgClient> started = client(times);
-        [&] { QTRY_COMPARE_WITH_TIMEOUT(started->process(), 4, 10000); }();
-        return started;
-    }
-    int requestsTo(const QByteArray& path) const
-    {
-        int count = 0;
-        for (const HttpStubRequest& request : http.requests())
-            count += request.path == path ? 1 : 0;
-        return count;
-    }
-    QList<PushFrame> frames(bool (PushFrame::*test)() const) const
-    {
-        QList<PushFrame> result;
-        for (const PushFrame& frame : push.frames()) {
-            if ((frame.*test)())
-                result.append(frame);
-        }
-        return result;
-    }
-};
 } // namespace
 
-class TestMsgClient : public QObject
+class tst_MsgClient : public QObject
 {
     Q_OBJECT
     LogCapture m_log;
@@ -563,5 +485,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TestMsgClient)
+QTEST_GUILESS_MAIN(tst_MsgClient)
 #include "tst_msgclient.moc"

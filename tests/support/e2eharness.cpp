@@ -1,8 +1,8 @@
 #include "e2eharness.h"
 
+#include "core/serviceurls.h"
 #include "jsonstream.h"
 #include "link/communication.h"
-#include "serviceurls.h"
 
 #include <QDateTime>
 #include <QDeadlineTimer>

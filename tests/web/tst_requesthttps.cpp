@@ -10,7 +10,7 @@ namespace {
 const char* const kUserAgent = "d627-test-agent/1.0";
 } // namespace
 
-class TestRequestHttps : public QObject
+class tst_RequestHttps : public QObject
 {
     Q_OBJECT
     HttpStub m_http;
@@ -216,5 +216,5 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TestRequestHttps)
+QTEST_GUILESS_MAIN(tst_RequestHttps)
 #include "tst_requesthttps.moc"
