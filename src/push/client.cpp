@@ -82,7 +82,7 @@ void MsgClient::startRunTimer()
     DataCenter::getInstance()->GetLogoutInfor(logout);
     if (logout.isLogout) {
         m_runTimer->stop();
-        logger()->Msg(1, "MsgClient::startRunTimer user is logout!");
+        logger()->Msg(kLogProgress, "MsgClient::startRunTimer user is logout!");
         return;
     }
     // Starting the one step timer again replaces a step still pending: a restart voids the
@@ -92,7 +92,7 @@ void MsgClient::startRunTimer()
 
 void MsgClient::onRun()
 {
-    logger()->Msg(1, "MsgClient::onRun current process is %d!", m_process);
+    logger()->Msg(kLogProgress, "MsgClient::onRun current process is %d!", m_process);
     int ret = 0;
     switch (m_process) {
     case kStepConnect:
@@ -111,14 +111,14 @@ void MsgClient::onRun()
         break;
     }
     if (ret != 0 && m_process < kStepRunning) {
-        logger()->Msg(1, "MsgClient::onRun ret is not 0, would check login status!");
+        logger()->Msg(kLogProgress, "MsgClient::onRun ret is not 0, would check login status!");
         emit checkstatus(true);
     }
 }
 
 int MsgClient::connect2Server()
 {
-    Infor tracer(0, scopeName("connect2Server"));
+    Infor tracer(kLogTrace, scopeName("connect2Server"));
     // The address lookup waits in a nested event loop, where another scheduled step 0 can run.
     // Connecting from there as well would leave the first socket connected to this object and
     // advance the process twice, so the inner call leaves the step to the outer one.
@@ -132,7 +132,7 @@ int MsgClient::connect2Server()
     QString host;
     int port = 0;
     if (!GetServerAddress(host, port)) {
-        logger()->Msg(4, "MsgClient::connect2Server GetServerAddress failed!");
+        logger()->Msg(kLogError, "MsgClient::connect2Server GetServerAddress failed!");
         return -1;
     }
 
@@ -141,7 +141,7 @@ int MsgClient::connect2Server()
                             QAbstractSocket::AnyIPProtocol);
     m_socket->waitForConnected(m_times.socketWaitMs);
     if (m_socket->state() != QAbstractSocket::ConnectedState) {
-        logger()->Msg(4, "MsgClient::connect2Server connect to server failed!");
+        logger()->Msg(kLogError, "MsgClient::connect2Server connect to server failed!");
         return -1;
     }
     connect(m_socket, SIGNAL(readyRead()), this, SLOT(onReadyRead()));
@@ -152,7 +152,7 @@ int MsgClient::connect2Server()
 
 int MsgClient::login()
 {
-    Infor tracer(0, scopeName("login"));
+    Infor tracer(kLogTrace, scopeName("login"));
     m_sequence = 0;
     m_responseSeq = 0;
     m_lastQueryTime = 0;
@@ -162,12 +162,12 @@ int MsgClient::login()
     QByteArray frame;
     if (Msg_client::first_req_encode(GetClientType(), GetSessionId(), info.userId.toUInt(),
                                      m_sequence, 0, LoginText(info.cookies), frame) != 0) {
-        logger()->Msg(4, "client login first_req_encode failed!");
+        logger()->Msg(kLogError, "client login first_req_encode failed!");
         return -1;
     }
     if (writeCmd(frame) != 0)
-        logger()->Msg(4, "client login write cmd(%s) failed!", frame.constData());
-    logger()->Msg(1, "LoginIMServer first_req_encode out is %s", frame.constData());
+        logger()->Msg(kLogError, "client login write cmd(%s) failed!", frame.constData());
+    logger()->Msg(kLogProgress, "LoginIMServer first_req_encode out is %s", frame.constData());
     m_sequence += 1;
     startCheckTimeMs(m_times.answerMs);
     return 0;
@@ -189,8 +189,8 @@ QString MsgClient::LoginText(const QMap<QString, QString>& cookies)
 
 int MsgClient::GetMaxId()
 {
-    Infor tracer(0, scopeName("GetMaxId"));
-    logger()->Msg(1, "3.1: get max_id.");
+    Infor tracer(kLogTrace, scopeName("GetMaxId"));
+    logger()->Msg(kLogProgress, "3.1: get max_id.");
     SendQuery("0");
     startCheckTimeMs(m_times.answerMs);
     return 0;
@@ -198,7 +198,7 @@ int MsgClient::GetMaxId()
 
 int MsgClient::StartHeartTimer()
 {
-    Infor tracer(0, scopeName("StartHeartTimer"));
+    Infor tracer(kLogTrace, scopeName("StartHeartTimer"));
     if (!m_socket)
         return -1;
     m_socket->startTimeMs(m_times.heartbeatMs);
@@ -209,7 +209,7 @@ int MsgClient::StartHeartTimer()
 
 void MsgClient::onsocketerror()
 {
-    logger()->Msg(4, "socket error");
+    logger()->Msg(kLogError, "socket error");
     // The chain before this restart is over: its socket's late signals reach nothing and its
     // pending step is replaced below. Step 0 closes that socket.
     detachSocket();
@@ -282,7 +282,7 @@ void MsgClient::freeClosedSockets()
 
 void MsgClient::onSendHeartTimer()
 {
-    Infor tracer(0, scopeName("onSendHeartTimer"));
+    Infor tracer(kLogTrace, scopeName("onSendHeartTimer"));
     const SocketSignalScope inSignal(this);
     if (SendHeart() == 0)
         startCheckTimeMs(m_times.heartbeatAnswerMs);
@@ -292,7 +292,7 @@ void MsgClient::onSendHeartTimer()
 
 void MsgClient::startCheckTime(int seconds)
 {
-    startCheckTimeMs(seconds * 1000);
+    startCheckTimeMs(seconds * kMsPerSecond);
 }
 
 void MsgClient::startCheckTimeMs(int msec)
@@ -321,7 +321,7 @@ void MsgClient::retireTimer(QTimer*& timer)
 
 void MsgClient::onCheckTimer()
 {
-    logger()->Msg(3, "check timer is timeout, would check status!");
+    logger()->Msg(kLogImportant, "check timer is timeout, would check status!");
     stopCheckTime();
     emit checkstatus(false);
 }
@@ -343,6 +343,6 @@ void MsgClient::stopNetCheckTime()
 
 void MsgClient::onNetError()
 {
-    logger()->Msg(4, "net error, so check status");
+    logger()->Msg(kLogError, "net error, so check status");
     emit checkstatus(true);
 }

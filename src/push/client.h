@@ -19,18 +19,38 @@ struct CUserInfor;
 // there is none. With `bremovecolon` the colons are dropped (twelve hexadecimal digits).
 QString getMacAddress(bool bremovecolon);
 
+// The push connection's intervals, as the daemon uses them.
+constexpr int kStepDelayMs = 1000;       // from one process step to the next
+constexpr int kHeartbeatPeriodS = 60;    // heartbeat period
+constexpr int kHeartbeatAnswerS = 50;    // watchdog started after each heartbeat
+constexpr int kAnswerWaitS = 600;        // watchdog started after the login and the query
+constexpr int kNetErrorPeriodMs = 10000; // repeat of the status check while it fails
+constexpr int kSocketWaitMs = 30000;     // blocking connect, write and disconnect waits
+constexpr int kMsPerSecond = 1000;
+
 // Intervals of the push connection in milliseconds. The defaults are the daemon's values; tests
 // pass smaller ones to MsgClient's constructor.
 struct MsgClientTimes
 {
-    int stepMs = 1000;             // from one process step to the next
-    int heartbeatMs = 60000;       // heartbeat period
-    int heartbeatAnswerMs = 50000; // watchdog started after each heartbeat
-    int answerMs = 600000;         // watchdog started after the login and the query
-    int netErrorMs = 10000;        // repeat of the status check while it fails
-    int socketWaitMs = 30000;      // blocking connect, write and disconnect waits
-    int backoffSecondMs = 1000;    // length of one second of the reconnection back-off
+    int stepMs = kStepDelayMs;
+    int heartbeatMs = kHeartbeatPeriodS * kMsPerSecond;
+    int heartbeatAnswerMs = kHeartbeatAnswerS * kMsPerSecond;
+    int answerMs = kAnswerWaitS * kMsPerSecond;
+    int netErrorMs = kNetErrorPeriodMs;
+    int socketWaitMs = kSocketWaitMs;
+    int backoffSecondMs = kMsPerSecond; // length of one second of the reconnection back-off
 };
+
+// What readFromServer() read: a response, a push notice or a heartbeat echo (-1: a failure).
+enum ServerFrame
+{
+    kFrameHeartbeat = 0,
+    kFrameNotice = 1,
+    kFrameResponse = 2
+};
+
+// The client type that the push login announces.
+constexpr int kClientType = 7;
 
 // The numbered steps of the push connection's process.
 enum MsgClientStep
@@ -123,7 +143,7 @@ public:
     ClientTcpSocket* setSocket(ClientTcpSocket* socket);
 
     quint64 GetSessionId();
-    int GetClientType() { return 7; }
+    int GetClientType() { return kClientType; }
 
     // Push-server address lookup.
     int GetServerAddressList(QStringList& list);

@@ -19,6 +19,9 @@ constexpr int kWrappedItemType = 599999;
 constexpr int kProfileChangeType = 138;
 constexpr int kCheckLoginType = 149;
 constexpr int kCheckLoginType2 = 601010;
+// A notice asks for a new query once this long after the last one (or when every query has
+// been answered).
+constexpr time_t kQueryAgainAfterS = 3;
 
 // A message type: an integer, or a JSON string holding a decimal number.
 int readType(const QJsonValue& value)
@@ -32,15 +35,15 @@ int readType(const QJsonValue& value)
 int MsgClient::SendQuery(const QString& id)
 {
     const QString text = QString("{\"id\":\"%1\", \"type\":627, \"max\":\"100\"}").arg(id);
-    logger()->Msg(3, "SendQuery id is %s, send squence id is %lu", id.toUtf8().constData(),
-                  static_cast<unsigned long>(m_sequence));
+    logger()->Msg(kLogImportant, "SendQuery id is %s, send squence id is %lu",
+                  id.toUtf8().constData(), static_cast<unsigned long>(m_sequence));
     QByteArray frame;
     if (Msg_client::normal_req_encode(m_sequence, kQueryCommand, text, frame) != 0) {
-        logger()->Msg(4, "mclient.normal_req_encode fail");
+        logger()->Msg(kLogError, "mclient.normal_req_encode fail");
         return -1;
     }
     if (writeCmd(frame) != 0)
-        logger()->Msg(4, "write data failed");
+        logger()->Msg(kLogError, "write data failed");
     m_sequence += 1;
     m_lastQueryTime = time(nullptr);
     return 0;
@@ -51,7 +54,8 @@ bool MsgClient::ParseMessage(QByteArray const& message, QVector<MsgClient::OneMe
     QJsonParseError error;
     const QJsonDocument document = QJsonDocument::fromJson(message, &error);
     if (error.error != QJsonParseError::NoError) {
-        logger()->Msg(3, "parse message failed : %s", error.errorString().toUtf8().constData());
+        logger()->Msg(kLogImportant, "parse message failed : %s",
+                      error.errorString().toUtf8().constData());
         return false;
     }
     const QJsonObject root = document.object();
@@ -83,22 +87,23 @@ bool MsgClient::ParseMessage(QByteArray const& message, QVector<MsgClient::OneMe
 
 void MsgClient::onhandleMsg(const QByteArray& message)
 {
-    logger()->Msg(1, "handle msg ,and message is %s", message.constData());
+    logger()->Msg(kLogProgress, "handle msg ,and message is %s", message.constData());
     QVector<OneMessage> messages;
     if (!ParseMessage(message, messages)) {
-        logger()->Msg(3, "MsgClient::onhandleMsg parse message failed!");
+        logger()->Msg(kLogImportant, "MsgClient::onhandleMsg parse message failed!");
         return;
     }
     for (const OneMessage& one : qAsConst(messages)) {
         if (one.type == kCheckLoginType || one.type == kCheckLoginType2) {
-            logger()->Msg(1, "MsgClient::onhandleMsg type is %d, check login status", one.type);
+            logger()->Msg(kLogProgress, "MsgClient::onhandleMsg type is %d, check login status",
+                          one.type);
             emit checkstatus(false);
         } else if (one.type == kProfileChangeType) {
             if (!one.face.isEmpty()) {
-                logger()->Msg(1, "MsgClient::onhandleMsg type is 138, change face");
+                logger()->Msg(kLogProgress, "MsgClient::onhandleMsg type is 138, change face");
                 DataCenter::getInstance()->SetUserFace(one.face);
             } else {
-                logger()->Msg(1, "MsgClient::onhandleMsg type is 138, vip level change");
+                logger()->Msg(kLogProgress, "MsgClient::onhandleMsg type is 138, vip level change");
                 DataCenter::getInstance()->SetVipInfor(one.mark, one.expire);
             }
         }
@@ -107,7 +112,7 @@ void MsgClient::onhandleMsg(const QByteArray& message)
 
 void MsgClient::HandlerMessage(const QByteArray& message)
 {
-    logger()->Msg(1, "MsgClient::HandlerMessage msg is %s", message.constData());
+    logger()->Msg(kLogProgress, "MsgClient::HandlerMessage msg is %s", message.constData());
     onhandleMsg(message);
 }
 
@@ -126,18 +131,18 @@ bool MsgClient::HandleMaxIdMessage(int, const QByteArray& message)
 
 int MsgClient::HandleMessageFormServer(int type, const QByteArray& message)
 {
-    Infor tracer(0, scopeName("HandleMessageFormServer"));
-    logger()->Msg(1, "MsgClient::HandleMessageFormServer type is %d, message is %s", type,
-                  message.constData());
+    Infor tracer(kLogTrace, scopeName("HandleMessageFormServer"));
+    logger()->Msg(kLogProgress, "MsgClient::HandleMessageFormServer type is %d, message is %s",
+                  type, message.constData());
     switch (type) {
-    case 2:
+    case kFrameResponse:
         // An answer in the running step is not parsed: it prompts a status and profile check.
         if (!message.isEmpty()) {
             emit checkstatus(false);
             emit checkuserinfo();
         }
         return 0;
-    case 1: {
+    case kFrameNotice: {
         const time_t now = time(nullptr);
         if (m_responseSeq + 1 < m_sequence) {
             // Answers are missing: check instead of asking again.
@@ -145,15 +150,15 @@ int MsgClient::HandleMessageFormServer(int type, const QByteArray& message)
             emit checkuserinfo();
             return 0;
         }
-        if (now - m_lastQueryTime > 3 || m_responseSeq + 1 == m_sequence) {
+        if (now - m_lastQueryTime > kQueryAgainAfterS || m_responseSeq + 1 == m_sequence) {
             if (SendQuery("0") == -1) {
-                logger()->Msg(3, "send query is -1, so check login status");
+                logger()->Msg(kLogImportant, "send query is -1, so check login status");
                 return -1;
             }
         }
         return 0;
     }
-    case 0:
+    case kFrameHeartbeat:
         stopCheckTime();
         return 0;
     default:

@@ -3,6 +3,7 @@
 // Helpers shared by the files that make up MsgClient. Not part of its interface.
 
 #include "client.h"
+#include "core/constants.h"
 #include "core/log.h"
 
 #include <QJsonValue>

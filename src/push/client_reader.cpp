@@ -21,7 +21,7 @@ quint32 readLe32(const char* bytes)
 int MsgClient::writeCmd(const QByteArray& frame)
 {
     if (!m_socket || m_socket->write(frame) != frame.size()) {
-        logger()->Msg(4, "write to server failed!");
+        logger()->Msg(kLogError, "write to server failed!");
         return -1;
     }
     m_socket->waitForBytesWritten(m_times.socketWaitMs);
@@ -43,7 +43,7 @@ ClientTcpSocket* MsgClient::setSocket(ClientTcpSocket* socket)
 
 int MsgClient::SendHeart()
 {
-    Infor tracer(0, scopeName("SendHeart"));
+    Infor tracer(kLogTrace, scopeName("SendHeart"));
     QByteArray frame;
     Msg_client::heartbeat_req(frame);
     return writeCmd(frame);
@@ -53,7 +53,7 @@ int MsgClient::nread(char* buffer, int length)
 {
     const qint64 available = m_socket ? m_socket->bytesAvailable() : 0;
     if (length <= 0 || length > available) {
-        logger()->Msg(3, "nread failed! len is %d, available bytes is %lld", length,
+        logger()->Msg(kLogImportant, "nread failed! len is %d, available bytes is %lld", length,
                       static_cast<long long>(available));
         return -1;
     }
@@ -84,7 +84,7 @@ int MsgClient::readHead(tagTRANSPORT_PKG_HEAD_RSP& head, QByteArray& headString)
     char rest[Msg_client::kMsgHeadSize - 4];
     std::memset(rest, 0, sizeof(rest));
     if (nread(rest, sizeof(rest)) != 0) {
-        logger()->Msg(4, "read head failed!");
+        logger()->Msg(kLogError, "read head failed!");
         return -1;
     }
     headString.clear();
@@ -116,16 +116,16 @@ int MsgClient::readFromServer(QByteArray& out)
 
     char magicBytes[4] = {0, 0, 0, 0};
     if (nread(magicBytes, 4) != 0) {
-        logger()->Msg(3, "nread false! client read from server failed!");
+        logger()->Msg(kLogImportant, "nread false! client read from server failed!");
         return -1;
     }
     const quint32 magic = readLe32(magicBytes);
-    logger()->Msg(1, "nread ok! client read from server success!");
-    logger()->Msg(3, "magic is %d!", static_cast<int>(magic));
+    logger()->Msg(kLogProgress, "nread ok! client read from server success!");
+    logger()->Msg(kLogImportant, "magic is %d!", static_cast<int>(magic));
 
     if (magic == MAGIC_HEART) {
-        logger()->Msg(1, "current msg is heart beart!");
-        return 0;
+        logger()->Msg(kLogProgress, "current msg is heart beart!");
+        return kFrameHeartbeat;
     }
     if (magic == MAGIC_RSP) {
         tagTRANSPORT_PKG_HEAD_RSP head;
@@ -133,49 +133,49 @@ int MsgClient::readFromServer(QByteArray& out)
         QByteArray headString;
         QByteArray body;
         if (readHead(head, headString) != 0 || readData(static_cast<int>(head.length), body) != 0) {
-            logger()->Msg(3, "read false! read head or data failed!");
+            logger()->Msg(kLogImportant, "read false! read head or data failed!");
             return -1;
         }
-        logger()->Msg(1, "headstring : %s", headString.constData());
+        logger()->Msg(kLogProgress, "headstring : %s", headString.constData());
         if (Msg_client::decode(headString, body, out) != 0) {
-            logger()->Msg(4, "decode failed! decode headstring is %s!response is %s",
+            logger()->Msg(kLogError, "decode failed! decode headstring is %s!response is %s",
                           headString.constData(), body.constData());
             return -1;
         }
         m_responseSeq = head.seq;
-        return 2;
+        return kFrameResponse;
     }
     if (magic == MAGIC_NOTICE) {
         QByteArray body;
         if (readData(Msg_client::kNoticeBodySize, body) != 0) {
-            logger()->Msg(4, "read response err!");
+            logger()->Msg(kLogError, "read response err!");
             return -1;
         }
         if (Msg_client::decode(QByteArray(magicBytes, 4), body, out) != 0) {
-            logger()->Msg(4, "decode response failed! response is %s!", body.constData());
+            logger()->Msg(kLogError, "decode response failed! response is %s!", body.constData());
             return -1;
         }
-        return 1;
+        return kFrameNotice;
     }
-    logger()->Msg(1, "false magic:%d!", static_cast<int>(magic));
+    logger()->Msg(kLogProgress, "false magic:%d!", static_cast<int>(magic));
     return -1;
 }
 
 void MsgClient::onReadyRead()
 {
-    Infor tracer(0, scopeName("onReadyRead"));
+    Infor tracer(kLogTrace, scopeName("onReadyRead"));
     const SocketSignalScope inSignal(this);
     QByteArray message;
     const int rc = readFromServer(message);
     if (rc < 0) {
-        logger()->Msg(3,
+        logger()->Msg(kLogImportant,
                       "read from server result is -1, so check connect status! current process "
                       "is %d",
                       m_process);
         emit checkstatus(true);
         return;
     }
-    logger()->Msg(1, "client read from server message is %s", message.constData());
+    logger()->Msg(kLogProgress, "client read from server message is %s", message.constData());
     switch (m_process) {
     case kStepLogin:
         // Whatever the login answer holds, it moves the process on.
@@ -199,10 +199,11 @@ void MsgClient::onReadyRead()
 
 void MsgClient::ondisconnected()
 {
-    Infor tracer(0, scopeName("ondisconnected"));
+    Infor tracer(kLogTrace, scopeName("ondisconnected"));
     const SocketSignalScope inSignal(this);
     const QString error = m_socket ? m_socket->errorString() : QString();
-    logger()->Msg(4, "server disconnect to socket, error is %s", error.toUtf8().constData());
+    logger()->Msg(kLogError, "server disconnect to socket, error is %s",
+                  error.toUtf8().constData());
     ++m_chain;
     emit checkstatus(true);
 }

@@ -4,6 +4,7 @@
 #include "client_p.h"
 #include "core/data.h"
 #include "core/datacenter.h"
+#include "web/constants.h"
 #include "web/requesthttps.h"
 
 #include <QDateTime>
@@ -19,9 +20,16 @@ using msgclient_detail::readLevel;
 using msgclient_detail::truncateToInt64;
 
 namespace {
-// Methods of CRequestHttps::SendRequest.
-constexpr int kHttpGet = 0;
-constexpr int kHttpPost = 1;
+// Reconnection back-off, in seconds: the first wait, and after a quiet spell longer than
+// kBackoffQuietS; each wait in quick succession doubles, up to kBackoffMaxS.
+constexpr int kBackoffFirstS = 1;
+constexpr int kBackoffQuietS = 5;
+constexpr int kBackoffMaxS = 10;
+// "state" of a status answer that means the user was logged out.
+constexpr int kStateLoggedOut = 1;
+// The membership pair that marks a pending refresh for the main application.
+constexpr int kVipRefreshLevel = 100;
+constexpr qint64 kVipRefreshExpire = 100;
 
 qint64 systemSeconds()
 {
@@ -31,7 +39,7 @@ qint64 systemSeconds()
 // Reconnection back-off, shared by the whole process. Only the client thread touches it.
 MsgClient::Clock g_backoffClock = systemSeconds;
 int g_lastTime = 0;
-int g_delay = 1;
+int g_delay = kBackoffFirstS;
 } // namespace
 
 QString getMacAddress(bool bremovecolon)
@@ -65,9 +73,10 @@ int MsgClient::GetServerAddressList(QStringList& list)
         QByteArray reply;
         const int ret =
             request.SendRequest(m_pushAddressUrl, kHttpPost, headers, QByteArray(), reply);
-        logger()->Msg(1, "MsgClient::GetServerAddressList response is %s", reply.constData());
+        logger()->Msg(kLogProgress, "MsgClient::GetServerAddressList response is %s",
+                      reply.constData());
         if (ret != 0) {
-            logger()->Msg(4, "get server address error is %s", reply.constData());
+            logger()->Msg(kLogError, "get server address error is %s", reply.constData());
             continue;
         }
         return ParseServerAddressResponse(reply, list);
@@ -83,7 +92,7 @@ int MsgClient::ParseServerAddressResponse(const QByteArray& data, QStringList& l
         return 0;
     const QJsonObject root = document.object();
     if (root.value("state").toInt() == 0) {
-        logger()->Msg(4, "parse server address failed! because state is 0");
+        logger()->Msg(kLogError, "parse server address failed! because state is 0");
         return 0;
     }
     const QJsonArray servers = root.value("data").toObject().value("server").toArray();
@@ -97,11 +106,11 @@ int MsgClient::GetServerAddress(QString& ip, int& port)
     QStringList list;
     const int ret = GetServerAddressList(list);
     if (!ret) {
-        logger()->Msg(4, "get server address failed!");
+        logger()->Msg(kLogError, "get server address failed!");
         return 0;
     }
     if (list.isEmpty()) {
-        logger()->Msg(4, "server address list num is 0!");
+        logger()->Msg(kLogError, "server address list num is 0!");
         return 0;
     }
     return ChooseServerAddress(list, ip, port) ? ret : 0;
@@ -116,7 +125,7 @@ bool MsgClient::ChooseServerAddress(const QStringList& list, QString& ip, int& p
             continue;
         ip = parts.at(0);
         port = parts.at(1).toInt(nullptr, 10);
-        logger()->Msg(1, "connect server success!, ip is %s, port is %d",
+        logger()->Msg(kLogProgress, "connect server success!, ip is %s, port is %d",
                       entry.toUtf8().constData(), port);
         return true;
     }
@@ -125,7 +134,7 @@ bool MsgClient::ChooseServerAddress(const QStringList& list, QString& ip, int& p
 
 void MsgClient::oncheckstatus(bool bneedconnect)
 {
-    Infor tracer(0, scopeName("oncheckstatus"));
+    Infor tracer(kLogTrace, scopeName("oncheckstatus"));
     // The request below waits in a nested event loop, where more failures can be reported. They
     // join the check under way instead of starting one of their own.
     if (m_checking) {
@@ -158,25 +167,25 @@ void MsgClient::oncheckstatus(bool bneedconnect)
     // A reconnection is for the chain that asked for it last: none if the steps restarted since.
     const bool reconnect = m_checkReconnect && m_checkReconnectChain == m_chain;
     m_checkReconnect = false;
-    logger()->Msg(1, "check status result is %s", reply.constData());
+    logger()->Msg(kLogProgress, "check status result is %s", reply.constData());
 
     CLogoutInfor info;
     if (ret == 0 && ParseCheckStatusResponse(reply, info)) {
         stopNetCheckTime();
         if (info.isLogout) {
-            logger()->Msg(1, "check status is login out");
+            logger()->Msg(kLogProgress, "check status is login out");
             data->SetLogoutInfor(info);
             return;
         }
         // One restart per failure episode: a confirmation while the restart waits for its
         // back-off neither schedules another one nor lengthens the back-off.
         if (reconnect && !reconnectPending()) {
-            logger()->Msg(1, "check status is login, would reconnect server");
+            logger()->Msg(kLogProgress, "check status is login, would reconnect server");
             scheduleReconnect();
         }
         return;
     }
-    logger()->Msg(4, "request or parse failed, request return:%d", ret);
+    logger()->Msg(kLogError, "request or parse failed, request return:%d", ret);
     startNetCheckTime();
 }
 
@@ -186,12 +195,12 @@ void MsgClient::scheduleReconnect()
     // Signed 32-bit difference, computed without overflow.
     const qint32 elapsed =
         static_cast<qint32>(static_cast<quint32>(now) - static_cast<quint32>(g_lastTime));
-    if (elapsed > 5) {
-        g_delay = 1;
+    if (elapsed > kBackoffQuietS) {
+        g_delay = kBackoffFirstS;
     } else {
         g_delay *= 2;
-        if (g_delay > 10)
-            g_delay = 10;
+        if (g_delay > kBackoffMaxS)
+            g_delay = kBackoffMaxS;
     }
     g_lastTime = now;
     m_lastReconnectWaitMs = g_delay * m_times.backoffSecondMs;
@@ -208,26 +217,26 @@ bool MsgClient::ParseCheckStatusResponse(const QByteArray& data, CLogoutInfor& o
     QJsonParseError error;
     const QJsonDocument document = QJsonDocument::fromJson(data, &error);
     if (error.error != QJsonParseError::NoError) {
-        logger()->Msg(3, "ParseCheckStatusResponse failed!parser error is %s",
+        logger()->Msg(kLogImportant, "ParseCheckStatusResponse failed!parser error is %s",
                       error.errorString().toUtf8().constData());
         return false;
     }
     const QJsonObject root = document.object();
-    if (root.value("state").toInt() != 1) {
+    if (root.value("state").toInt() != kStateLoggedOut) {
         out.isLogout = false;
         return true;
     }
     out.isLogout = true;
     out.message = root.value("message").toString();
-    logger()->Msg(1, "user is logout, message is %s", out.message.toUtf8().constData());
+    logger()->Msg(kLogProgress, "user is logout, message is %s", out.message.toUtf8().constData());
     return true;
 }
 
 void MsgClient::oncheckUserInfor()
 {
-    Infor tracer(0, scopeName("oncheckUserInfor"));
+    Infor tracer(kLogTrace, scopeName("oncheckUserInfor"));
     // A fixed pair that marks a pending membership change for the main application.
-    DataCenter::getInstance()->SetVipInfor(100, 100);
+    DataCenter::getInstance()->SetVipInfor(kVipRefreshLevel, kVipRefreshExpire);
 }
 
 int MsgClient::ParseUserInfor(const QByteArray& data, CUserInfor& out)
@@ -238,7 +247,8 @@ int MsgClient::ParseUserInfor(const QByteArray& data, CUserInfor& out)
         return -1;
     const QJsonObject root = document.object();
     if (!root.value("state").toBool()) {
-        logger()->Msg(1, "userinfor:%s", root.value("message").toString().toUtf8().constData());
+        logger()->Msg(kLogProgress, "userinfor:%s",
+                      root.value("message").toString().toUtf8().constData());
         return -1;
     }
     const QJsonObject d = root.value("data").toObject();
@@ -255,7 +265,7 @@ int MsgClient::ParseUserInfor(const QByteArray& data, CUserInfor& out)
     out.byteSizeRemain = truncateToInt64(space.value("byte_size_remain").toDouble());
     out.sizeUsedPercent = space.value("size_used_percent").toString().toDouble() / 100.0;
 
-    logger()->Msg(1, "ParseUserInfor ------------------>>");
+    logger()->Msg(kLogProgress, "ParseUserInfor ------------------>>");
     DataCenter::getInstance()->SetUserFace(out.face);
     DataCenter::getInstance()->SetVipInfor(out.vipMark, out.expire);
     return 1;

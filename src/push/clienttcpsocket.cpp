@@ -1,5 +1,7 @@
 #include "clienttcpsocket.h"
 
+#include "client.h"
+
 #include <QTimer>
 
 ClientTcpSocket::ClientTcpSocket(QObject* parent) : QTcpSocket(parent) {}
@@ -11,7 +13,7 @@ ClientTcpSocket::~ClientTcpSocket()
 
 void ClientTcpSocket::startTime(int seconds)
 {
-    startTimeMs(seconds * 1000);
+    startTimeMs(seconds * kMsPerSecond);
 }
 
 void ClientTcpSocket::startTimeMs(int msec)

@@ -1,6 +1,7 @@
 #include "msg_client.h"
 
 #include "cipher/stringencrypt.h"
+#include "core/constants.h"
 #include "core/log.h"
 
 #include <QDebug>
@@ -68,11 +69,12 @@ int Msg_client::first_req_encode(unsigned int clientType, unsigned long sessionI
     const int result = StringEncrypt::getInstance()->Ec627MsgEncode(userId, plainBody(extra, text),
                                                                     body, token, &tokenLength);
     if (result != 0) {
-        LogManager::getInstance()->Msg(4, "ec627_encode fail with return code [%d]", result);
+        LogManager::getInstance()->Msg(kLogError, "ec627_encode fail with return code [%d]",
+                                       result);
         return result;
     }
     if (tokenLength != kTokenSize) {
-        LogManager::getInstance()->Msg(4, "token len [%d] err", tokenLength);
+        LogManager::getInstance()->Msg(kLogError, "token len [%d] err", tokenLength);
         return -1;
     }
     std::memcpy(head.data() + 24, token, kTokenSize);
@@ -127,7 +129,7 @@ int Msg_client::decode(QByteArray const& headString, QByteArray const& response,
             out = QString::fromLatin1(kNoticeText).arg(noticeId).toUtf8();
             return 0;
         }
-        LogManager::getInstance()->Msg(4,
+        LogManager::getInstance()->Msg(kLogError,
                                        "decode get push notice data but in data len err [%d], "
                                        "required len [%d]magic_num [%d]",
                                        response.size(), kNoticeBodySize, static_cast<int>(magic));
@@ -148,7 +150,8 @@ int Msg_client::decode(QByteArray const& headString, QByteArray const& response,
         return -1;
     }
     if (static_cast<qint64>(head.length) != response.size()) {
-        LogManager::getInstance()->Msg(4, "length err head.length = [%d], in.length() = [%d]",
+        LogManager::getInstance()->Msg(kLogError,
+                                       "length err head.length = [%d], in.length() = [%d]",
                                        static_cast<int>(head.length), response.size());
         return -1;
     }
