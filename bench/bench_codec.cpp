@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The push wire codec beside its floor, in one binary (Google Benchmark). For each message size
 // from 64 B to 64 KiB:
 //   login/ours     Msg_client::first_req_encode       login/floor    ec627_msg_encode alone

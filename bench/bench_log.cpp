@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Log throughput: lines/s for written lines (one and two threads) and for lines that the
 // threshold filters out, which is what every call costs when logging is off.
 #include "core/datacenter.h"

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # A long chaos run: the chaos suite's schedule of overlapping faults (nftables loss, black holes
 # and resets, a tc tbf cap, and a proxy's delay, jitter, stalls and sliced writes) for as long as
 # asked, from a seed that reproduces it. Writes, under bench/results/:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // bench_driver: plays the daemon's surroundings for bench/run and measures the daemon beside the
 // floor programs (bench/floor.cpp). One process holds the service stand-ins (address and status
 // service on 127.0.0.1:18627, push server on :18628, the ports the bench build compiles in) and

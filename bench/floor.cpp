@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The floor: the least a Qt 5 process can do to play the daemon's part, for side-by-side
 // comparison with the real daemon (bench/run starts them in the same minute).
 //

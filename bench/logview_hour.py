@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """How fast d627-logview reads one hour of a busy daemon log at threshold -1.
 
 Makes the hour from a real log (by default the one the logview tests keep of a dropped and

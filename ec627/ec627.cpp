@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Development stand-in for the closed cipher library: libsodium secretbox (XSalsa20-Poly1305)
 // under a fixed development key. Not for production use; see README.md.
 

@@ -1,4 +1,5 @@
 #pragma once
+// SPDX-License-Identifier: Apache-2.0
 
 // Development stand-in for the closed cipher library "ec627". Same thirteen entry points as the
 // production library, plus ec627_msg_decode for the server side of the push login frame.

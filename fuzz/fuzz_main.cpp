@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // libFuzzer entry for the one target of targets.cpp named by D627_FUZZ_TARGET at build time.
 #include "targets.h"
 

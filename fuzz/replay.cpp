@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Replays every corpus file through its fuzz target with the ordinary compiler, so that each
 // test run checks the inputs that fuzzing kept or that once found a fault.
 // Usage: fuzz_replay [corpus-folder]   (default: the source tree's fuzz/corpus)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz entry points: each feeds one input through the daemon's own code for one reader of
 // outside bytes. fuzz_main.cpp turns one of them into a libFuzzer binary; replay.cpp runs the
 // corpora through all of them in every test run. A broken invariant aborts, so that both count

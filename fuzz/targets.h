@@ -1,4 +1,5 @@
 #pragma once
+// SPDX-License-Identifier: Apache-2.0
 
 // Fuzz entry points, one per reader of outside bytes (targets.cpp).
 #include <cstddef>

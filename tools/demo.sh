@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # shellcheck disable=SC2317  # cleanup and its helpers run from the EXIT trap
 # A one-minute story of the d627 daemon, played entirely on this machine:
 #   d627-sandbox  - the push-address service, the sign-on status service and the push server

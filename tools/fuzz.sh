@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs every libFuzzer target of a fuzz build for a bounded time, two at a time.
 #   tools/fuzz.sh <build-dir> [seconds-per-target]     (default 60 s)
 # The build comes from: CC=clang CXX=clang++ cmake -S . -B <build-dir> -G Ninja -DD627_BUILD_FUZZ=ON

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Static checks on the project's own code (src, ec627, tools, tests, bench, fuzz), strict: exits
 # non-zero on any clang-format difference, any cppcheck finding or any clang-tidy finding.
 #   bash tools/lint.sh [build-dir]

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Mutation check: plants each fault of tools/mutants.txt in a scratch copy of the tree, builds it
 # incrementally and runs the test suite against it. A fault is caught when a test fails (or hangs
 # past its time limit); it survives when the whole suite passes.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the Debian packages d627 and d627-devtools on Debian 12 and checks them with lintian:
 #   bash tools/package.sh [--rebuild] [output-folder]      (default: ./packages)
 # Installs what is missing (as root, or through sudo), copies the source tree (without build

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Makes a release from a commit: the source archive d627-<version>.tar.xz and the packages built
 # from it (tools/package.sh in the unpacked archive):
 #   bash tools/release.sh [--source-only] [commit] [output-folder]   (default: HEAD, ./release)

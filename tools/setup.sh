@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # One entry point for a fresh Debian 12 machine:
 #   bash tools/setup.sh demo   installs what is missing, builds, runs the demo story
 #   bash tools/setup.sh test   installs what is missing, builds, runs the whole test suite

@@ -16,7 +16,7 @@ tag="SPDX-License-Identifier: Apache-2.0"
 comment() {
     case "$1" in
     *.cpp | *.h | *.c | *.h.in) echo "//" ;;
-    CMakeLists.txt | */CMakeLists.txt | *.cmake | *.sh | *.supp | .ci/run | bench/run) echo "#" ;;
+    CMakeLists.txt | */CMakeLists.txt | *.cmake | *.sh | *.py | *.supp | .ci/run | bench/run) echo "#" ;;
     debian/rules | debian/tests/* | debian/*.lintian-overrides) echo "#" ;;
     docs/*.[18]) echo '.\"' ;;
     esac

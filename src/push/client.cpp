@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // MsgClient: construction, the numbered process, the timers and closing the socket.
 // The frame reader, message dispatch and the service calls live in client_*.cpp.
 #include "client.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // MsgClient: the message query, parsing the answers and dispatching them into the DataCenter.
 #include "client.h"
 #include "client_p.h"

@@ -1,4 +1,5 @@
 #pragma once
+// SPDX-License-Identifier: Apache-2.0
 
 // Helpers shared by the files that make up MsgClient. Not part of its interface.
 

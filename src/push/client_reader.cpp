@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // MsgClient: writing frames and reading them back, one whole frame per readyRead.
 #include "client.h"
 #include "client_p.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // MsgClient: the push-server address lookup, the login-status check with its reconnection
 // back-off, the user-information parser, and the device's hardware address.
 #include "client.h"

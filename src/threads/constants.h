@@ -1,4 +1,5 @@
 #pragma once
+// SPDX-License-Identifier: Apache-2.0
 
 // Numbers and tags of the worker threads that the layers above share.
 

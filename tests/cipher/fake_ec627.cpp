@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Failure-injection library with the thirteen ec627 entry points (lib/fake-ec627/libec627.so),
 // plus fake_ec627_calls(name), fake_ec627_reset() and fake_ec627_last_key() for the tests.
 // FAKE_EC627_MODE, read on every call: ""/"ok" bodies "ENC:"/"MSG:" + input, fixed tokens;

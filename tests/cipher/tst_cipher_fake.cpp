@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The binding and the push codec against the fake libec627 (modes: see fake_ec627.cpp) whose
 // plain bodies and fixed token let whole frames be compared byte for byte, and, run as
 // tst_cipher_nolib, without any library: noLib* functions run only there, failures in both.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // StringEncrypt, get_m627_encode and the push answer decoder against the stand-in cipher library.
 // Answers are sealed the way a push server seals them (the stand-in server's wire helpers);
 // outgoing frames are checked byte for byte in tst_cipher_fake.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "core/datacenter.h"
 #include "core/log.h"
 #include "ownership.h"

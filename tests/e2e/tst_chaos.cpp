@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The chaos suite: the real d627 against the real d627-sandbox, its push connection through a
 // fault-injecting proxy, while seeded schedules of overlapping faults play: packet loss, black
 // holes and resets from nftables, a bandwidth cap from tc tbf, and delay, jitter, stalls and

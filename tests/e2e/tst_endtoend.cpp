@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // End-to-end stories: the real d627 against the real d627-sandbox, this process playing the main
 // application and each daemon logged in and running first. d627-mainapp starting the daemon
 // itself is played by the installed-tree test and the daemon tests.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The real d627 ended in every state of its client thread and every way, 14 side by side per
 // row with own TMPDIR and HOME, at a random moment after the state was seen. Its services at
 // 127.0.0.1:18627 are served here; the user agent "exit/<state>/<way>/<uid>" tells the case.

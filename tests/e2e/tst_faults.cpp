@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fault suite: the real d627 against the real d627-sandbox, one fault (or one set of
 // overlapping faults) per row. Each row plays its fault, checks the defined reaction in order
 // (sandbox lines; "log:" daemon log; "out:" daemon output; "probe": the link still reads), puts

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # shellcheck disable=SC2016  # backquotes in patterns are Markdown's
 # Fails when a document names a message key, setting bit or log level that the sources lack (read
 # from them on each run, named constants looked up), or protocol.md misses one. Usage: docfacts.sh ROOT

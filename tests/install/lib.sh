@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # shellcheck shell=bash disable=SC2034,SC2048,SC2086  # MAINAPP is for the callers; DAEMON_LOG is a pattern
 # Shared by the shell tests (sourced): a private TMPDIR and HOME, the sandbox and d627-mainapp fed
 # through fifos (fd 4 and fd 3), and waiting for lines in their output.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The manual pages render without a warning and name every option of the tools' --help.
 # Usage: manpages.sh BIN_DIR DOCS_DIR
 status=0

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the build into a temporary DESTDIR and plays a short story with the installed files
 # only: the installed d627-mainapp starts the installed daemon against the installed sandbox.
 # Usage: play.sh BUILD_DIR SOURCE_DIR

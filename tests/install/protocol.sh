@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Feeds every example of docs/protocol.md (fenced blocks marked "json example") to the real daemon
 # and checks the answer that the document promises. Usage: protocol.sh BIN_DIR protocol.md
 BIN=$1 DOC=$2

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The version lives in the top CMakeLists.txt; everything that names it must agree with it: the
 # Debian changelog, the release notes, the manual pages, the protocol document and the tools'
 # --version. Usage: version.sh VERSION SOURCE_DIR BIN_DIR

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "core/serviceurls.h"
 #include "httpstub.h"
 #include "link/communication.h"

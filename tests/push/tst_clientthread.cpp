@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ClientThread (ThreadManager's type 1) waits for a user id, then creates its MsgClient.
 
 #include "core/data.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // MsgClient on the test thread against a real push server and HTTP services on 127.0.0.1, with
 // scaled-down intervals and the back-off's clock under the test's control.
 

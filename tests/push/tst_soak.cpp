@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Soak: one MsgClient against real push and HTTP servers on 127.0.0.1, intervals scaled down.
 // Each cycle drops the connection (status check, back-off, lookup, reconnection to the running
 // step) and sends a notice (query, status check). Afterwards fds and QObjects have not grown.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "e2eharness.h"
 
 #include "core/serviceurls.h"

@@ -1,4 +1,5 @@
 #pragma once
+// SPDX-License-Identifier: Apache-2.0
 
 // End-to-end set-up shared by the e2e suites: the real d627-sandbox on its default ports, the
 // real d627 with a private TMPDIR and HOME, and this process as the main application (it holds

@@ -1,4 +1,5 @@
 #pragma once
+// SPDX-License-Identifier: Apache-2.0
 
 // A TCP proxy on 127.0.0.1 in front of one upstream port that delays, jitters, stalls and slices
 // what it forwards, in both directions, for the faults that the kernel here cannot make (it has

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Test helper: takes a QLockFile on the path given as its argument, prints "locked" and
 // holds the lock until its standard input closes or it is killed.
 #include <QCoreApplication>

@@ -1,4 +1,5 @@
 #pragma once
+// SPDX-License-Identifier: Apache-2.0
 
 // Sends the daemon's log to a file under a temporary HOME and reads back what was written
 // since the last mark(). Tests that set up HOME and the log themselves use mark() only.

@@ -1,4 +1,5 @@
 #pragma once
+// SPDX-License-Identifier: Apache-2.0
 
 // Permission bits, and children of user 65534 on local sockets: a child makes plain system
 // calls only and ends with _exit (alarm() ends one that a failed test leaves behind).

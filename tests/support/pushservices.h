@@ -1,4 +1,5 @@
 #pragma once
+// SPDX-License-Identifier: Apache-2.0
 
 // The services a MsgClient talks to, all on free loopback ports: the push server and the two HTTP
 // services (push-server address and login status). The address service fails `addressFailures`

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "logcapture.h"
 #include "threads/mainappdetectthread.h"
 #include "threads/threadmanager.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "core/sync.h"
 #include "logcapture.h"
 #include "threads/basethread.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // d627-logview on real logs: the real d627 plays short stories against the real d627-sandbox at
 // threshold 1 and below 0, and the summary must tell what the story did; its timeline must show
 // every lane once and each failure at its time. Damaged and foreign files get a clear word.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // CRequestHttps against a real HTTP(S) server on 127.0.0.1 (HttpStub), plus the URL and cookie
 // rules.
 #include "core/datacenter.h"

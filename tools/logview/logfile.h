@@ -1,4 +1,5 @@
 #pragma once
+// SPDX-License-Identifier: Apache-2.0
 
 // Reads one d627 log file into its timed lines, and says in plain words what is wrong with it:
 // not readable, empty, binary, not a d627 log, cut off, or restarted by the hourly recycling.

@@ -1,4 +1,5 @@
 #pragma once
+// SPDX-License-Identifier: Apache-2.0
 
 // One line of a d627 log file and the parser that reads it. A line is
 // "[<thread id>]yyyy-MM-dd hh:mm:ss.zzz  <text>"; a file starts (and restarts every hour) with a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // d627-logview: reads d627 log files and shows what the daemon did in the user's session, as a
 // summary, as JSON or as a timeline picture.
 

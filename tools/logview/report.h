@@ -1,4 +1,5 @@
 #pragma once
+// SPDX-License-Identifier: Apache-2.0
 
 // The session summary for people (text) and for scripts (one JSON object).
 

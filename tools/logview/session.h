@@ -1,4 +1,5 @@
 #pragma once
+// SPDX-License-Identifier: Apache-2.0
 
 // What a user's session looked like, built from the timed lines of the daemon's runs: when the
 // push connection was up and in which step, what failed and why, the status checks and their

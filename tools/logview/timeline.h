@@ -1,4 +1,5 @@
 #pragma once
+// SPDX-License-Identifier: Apache-2.0
 
 // The session as a timeline picture: one lane per concern (the push connection and its steps,
 // status checks, back-off waits, notices and queries, messages to the main application), time

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // d627-mainapp: plays the main application on one machine. It holds its own single-instance
 // lock file, starts the daemon when none answers on the local server, sends the login
 // message built from its options, prints every message the daemon sends as a timestamped

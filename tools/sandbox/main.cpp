@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // d627-sandbox: the daemon's remote services, played locally on 127.0.0.1 (see sandbox.h).
 // Control it with lines on standard input or with GET /control/<command>?... on its HTTP port;
 // "help" lists the commands.

@@ -1,4 +1,5 @@
 #pragma once
+// SPDX-License-Identifier: Apache-2.0
 
 // The sandbox: the push-address service, the single-sign-on status service and a push server in
 // one process on 127.0.0.1, with a scripted state that a person or a script changes through

@@ -1,4 +1,5 @@
 #pragma once
+// SPDX-License-Identifier: Apache-2.0
 
 // A small HTTP/1.1 server on 127.0.0.1 for tests and for the sandbox. It is purely event driven
 // (no blocking waits while serving), so it can share a thread with a client that waits for its

@@ -1,4 +1,5 @@
 #pragma once
+// SPDX-License-Identifier: Apache-2.0
 
 // A stand-in push server on 127.0.0.1 that speaks the daemon's push wire protocol (see
 // pushwire.h). It checks and records every frame a client sends, answers the login and the

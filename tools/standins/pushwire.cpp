@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "pushwire.h"
 
 #include "ec627/ec627.h"

@@ -1,4 +1,5 @@
 #pragma once
+// SPDX-License-Identifier: Apache-2.0
 
 // Server side of the push wire format: little-endian helpers, frame builders and body openers.
 // Everything a stand-in push server or a test needs to speak to the daemon's push client.
