@@ -37,7 +37,7 @@ if [ "$seconds" != --render ]; then
 fi
 
 # Recovery figures (milliseconds), nearest-rank percentiles.
-sort -n -t$'\t' -k5,5 <(grep -v '^#' "$results/chaos.tsv" | cut -f5) | awk -v out="$results/chaos.md" '
+grep -v '^#' "$results/chaos.tsv" | cut -f5 | sort -n | awk -v out="$results/chaos.md" '
     { v[NR] = $1 }
     END {
         if (NR == 0) { print "no phases" > "/dev/stderr"; exit 1 }
