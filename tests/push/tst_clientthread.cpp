@@ -9,7 +9,6 @@
 #include "threads/threadmanager.h"
 
 #include <QtTest>
-#include <atomic>
 
 // The daemon keeps its MsgClient until the process ends, reachable through the thread manager.
 // This test deletes the finished ClientThread, so it keeps the MsgClient reachable here instead:
@@ -57,11 +56,10 @@ private slots:
         g_keptClient = thread->client();
         const QPointer<MsgClient> client = g_keptClient;
         thread->Quit();
-        std::atomic<bool> ran{false};
-        QMetaObject::invokeMethod(
-            thread->client(), [&ran] { ran = true; }, Qt::QueuedConnection);
-        QTRY_VERIFY_WITH_TIMEOUT(ran, 30000);
-        QVERIFY(thread->isRunning());
+        // A bounded wait for an end that must not come. (A call queued to the thread would show
+        // its loop alive too, but hands a functor over through Qt, which the thread checker cannot
+        // see.)
+        QVERIFY(!thread->wait(100));
         thread->quit();
         QVERIFY(thread->wait(30000));
         manager->CleanThread();
