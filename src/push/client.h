@@ -10,6 +10,7 @@
 #include <QStringList>
 #include <QVector>
 #include <ctime>
+#include <optional>
 
 class ClientTcpSocket;
 class QTimer;
@@ -216,9 +217,9 @@ private:
     QTimer* m_reconnectTimer = nullptr; // the back-off before a restart, single-shot
     // Bumped by every restart, disconnection and closed socket: what a nested wait compares.
     quint64 m_chain = 0;
-    bool m_checking = false;           // a status check waits for its answer
-    bool m_checkReconnect = false;     // the check (or one merged into it) asked to reconnect
-    quint64 m_checkReconnectChain = 0; // m_chain at the last such request
+    bool m_checking = false; // a status check waits for its answer
+    // m_chain when the check under way (or one merged into it) last asked to reconnect.
+    std::optional<quint64> m_reconnectFor;
     bool m_connecting = false;   // connect2Server() is running (possibly in a nested event loop)
     int m_socketSignalDepth = 0; // SocketSignalScope objects alive
     QList<ClientTcpSocket*> m_closedSockets; // closed inside a socket signal, freed after it

@@ -139,10 +139,8 @@ void MsgClient::oncheckstatus(bool bneedconnect)
     // The request below waits in a nested event loop, where more failures can be reported. They
     // join the check under way instead of starting one of their own.
     if (m_checking) {
-        if (bneedconnect) {
-            m_checkReconnect = true;
-            m_checkReconnectChain = m_chain;
-        }
+        if (bneedconnect)
+            m_reconnectFor = m_chain;
         return;
     }
     DataCenter* data = DataCenter::getInstance();
@@ -160,14 +158,13 @@ void MsgClient::oncheckstatus(bool bneedconnect)
     CRequestHttps request;
     QByteArray reply;
     m_checking = true;
-    m_checkReconnect = bneedconnect;
-    m_checkReconnectChain = m_chain;
+    m_reconnectFor = bneedconnect ? std::optional<quint64>(m_chain) : std::nullopt;
     const int ret =
         request.SendRequest(m_ssoStatusUrl, kHttpGet, loginInfo.cookies, body.toUtf8(), reply);
     m_checking = false;
     // A reconnection is for the chain that asked for it last: none if the steps restarted since.
-    const bool reconnect = m_checkReconnect && m_checkReconnectChain == m_chain;
-    m_checkReconnect = false;
+    const bool reconnect = m_reconnectFor == m_chain;
+    m_reconnectFor.reset();
     logger()->Msg(kLogProgress, "check status result is %s", reply.constData());
 
     CLogoutInfor info;
