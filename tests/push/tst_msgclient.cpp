@@ -425,23 +425,32 @@ private slots:
     // request, and a reconnection if any request asked for one since the last restart.
     void overlappingChecks_data()
     {
-        QTest::addColumn<bool>("outer");         // the first check asks for a reconnection
+        // The first check: "check", "connect" (asking for a reconnection), or a query answer whose
+        // item asks for a check while the answer's handler waits.
+        QTest::addColumn<QString>("outer");
         QTest::addColumn<QStringList>("during"); // played while it waits
         QTest::addColumn<bool>("reconnect");
-        QTest::newRow("check joins") << false << QStringList{"check"} << false;
-        QTest::newRow("reconnecting check joins") << false << QStringList{"connect"} << true;
-        QTest::newRow("plain check keeps reconnection") << true << QStringList{"check"} << true;
-        QTest::newRow("heartbeat fails") << false << QStringList{"heartbeat"} << true;
-        QTest::newRow("net-error timer") << false << QStringList{"net error"} << true;
-        QTest::newRow("restart meanwhile") << true << QStringList{"restart"} << false;
+        QTest::addColumn<int>("step"); // the process step afterwards
+        const QString answer149 = R"({"code":0,"data":{"list":[{"t":599999,"data":{"t":149}}]}})";
+        QTest::newRow("check joins") << "check" << QStringList{"check"} << false << 0;
+        QTest::newRow("reconnecting check joins") << "check" << QStringList{"connect"} << true << 0;
+        QTest::newRow("plain check keeps reconnection")
+            << "connect" << QStringList{"check"} << true << 0;
+        QTest::newRow("heartbeat fails") << "check" << QStringList{"heartbeat"} << true << 0;
+        QTest::newRow("net-error timer") << "check" << QStringList{"net error"} << true << 0;
+        QTest::newRow("restart meanwhile") << "connect" << QStringList{"restart"} << false << 0;
         QTest::newRow("restart, then a failure")
-            << true << QStringList{"restart", "connect"} << true;
+            << "connect" << QStringList{"restart", "connect"} << true << 0;
+        QTest::newRow("answer moves on") << answer149 << QStringList{} << false << int(kStepLogin);
+        QTest::newRow("answer, restart meanwhile")
+            << answer149 << QStringList{"restart"} << false << int(kStepConnect);
     }
     void overlappingChecks()
     {
-        QFETCH(bool, outer);
+        QFETCH(QString, outer);
         QFETCH(QStringList, during);
         QFETCH(bool, reconnect);
+        QFETCH(int, step);
         m_s->sso.delayMs = 300;
         MsgClientTimes times = fastTimes(kIdleStepMs);
         times.backoffSecondMs = kIdleStepMs;
@@ -459,10 +468,14 @@ private slots:
                     client->oncheckstatus(action == "connect");
             }
         });
-        client->oncheckstatus(outer);
+        if (outer.startsWith('{')) // moves on only if the steps did not restart meanwhile
+            QCOMPARE(client->HandleMaxIdMessage(kFrameResponse, outer.toUtf8()), during.isEmpty());
+        else
+            client->oncheckstatus(outer == "connect");
         QCOMPARE(m_s->requestsTo(kSso), 1);
         QCOMPARE(client->reconnectPending(), reconnect);
         QCOMPARE(client->checking(), false);
+        QCOMPARE(client->process(), step);
     }
 
     void userInfor()
