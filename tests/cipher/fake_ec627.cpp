@@ -2,8 +2,8 @@
 // Failure-injection library with the thirteen ec627 entry points (lib/fake-ec627/libec627.so),
 // plus fake_ec627_calls(name), fake_ec627_reset() and fake_ec627_last_key() for the tests.
 // FAKE_EC627_MODE, read on every call: ""/"ok" bodies "ENC:"/"MSG:" + input, fixed tokens;
-// "fail" every call returns 7 (ec627_encode_token 0); "initfail" both inits return 1; "token47"
-// a 47-byte message token; "shortlen" ec627_encode_len -1; "negative" both lengths -600;
+// "fail" every call returns 7 (ec627_encode_token 0); "initfail" both inits return 1; "tokenN"
+// an N-byte message token (N < 256); "shortlen" ec627_encode_len -1; "negative" both lengths -600;
 // "overlong" lengths 100 bytes beyond the capacity; "fill" m627_encode fills its buffer with 'A'
 // and no terminator. With FAKE_EC627_REAL naming a real library every entry point forwards to
 // it, except the one named by FAKE_EC627_FAIL, which fails (-1; ec627_encode_token 0), so that
@@ -50,10 +50,10 @@ int wrap(const char* prefix, const unsigned char* in, Length n, unsigned char* o
     return 0;
 }
 
-// Writes the bytes 1, 2, ... size (at most 48) as a token.
+// Writes the bytes 1, 2, ... size (below 256) as a token.
 int pattern(int size, unsigned char* token, int* len)
 {
-    unsigned char bytes[48];
+    unsigned char bytes[255];
     std::iota(bytes, bytes + size, 1);
     return wrap("", bytes, size, token, len);
 }
@@ -173,7 +173,10 @@ FAKE_API int ec627_msg_encode(unsigned int type, const unsigned char* in, int n,
     if (is("fail"))
         return 7;
     const int rc = wrap("MSG:", in, n, out, len);
-    return rc != 0 ? rc : pattern(is("token47") ? 47 : 48, token, tlen);
+    const char* mode = env("FAKE_EC627_MODE");
+    const bool sized = mode && std::strncmp(mode, "token", 5) == 0;
+    return rc != 0 ? rc
+                   : pattern(sized ? int(std::strtol(mode + 5, nullptr, 10)) : 48, token, tlen);
 }
 
 FAKE_API int ec627_encode(unsigned int type, const unsigned char* in, int n, unsigned char* out,
