@@ -173,10 +173,10 @@ FAKE_API int ec627_msg_encode(unsigned int type, const unsigned char* in, int n,
     if (is("fail"))
         return 7;
     const int rc = wrap("MSG:", in, n, out, len);
-    const char* mode = env("FAKE_EC627_MODE");
-    const bool sized = mode && std::strncmp(mode, "token", 5) == 0;
-    return rc != 0 ? rc
-                   : pattern(sized ? int(std::strtol(mode + 5, nullptr, 10)) : 48, token, tlen);
+    const char* m = env("FAKE_EC627_MODE");
+    const int size =
+        m && std::strncmp(m, "token", 5) == 0 ? int(std::strtol(m + 5, nullptr, 10)) : 48;
+    return rc != 0 ? rc : pattern(size, token, tlen);
 }
 
 FAKE_API int ec627_encode(unsigned int type, const unsigned char* in, int n, unsigned char* out,

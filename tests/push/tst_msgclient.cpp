@@ -150,27 +150,46 @@ private slots:
     }
 
     // Wrapped items of type 138 carry the membership (the avatar: see processWalksToRunning);
-    // 149 and 601010 ask for a status check; nothing else, nor a failed answer, changes a thing.
+    // 149 and 601010 ask for a status check; nothing else, nor a failed answer, changes a thing;
+    // the level is a number or a numeric string, in a message or in user information.
     void messages_data()
     {
         QTest::addColumn<QByteArray>("document");
-        QTest::addColumn<int>("mark");
+        QTest::addColumn<int>("mark"); // stored with expiry 123; 9: untouched, -1: with -1
         QTest::addColumn<int>("statusChecks");
         const QByteArray list = R"({"code":0,"data":{"list":[)";
-        QTest::newRow("level") << list + R"({"t":"599999","data":{"t":138,"face_l":"",
-            "data":{"vip_info":{"vip":[{"mark":7,"expire":123}]}}}}]}})"
-                               << 7 << 0;
-        QTest::newRow("unwrapped item skipped")
-            << list + R"({"t":138,"face_l":"F"},{"t":149}]}})" << -1 << 0;
-        QTest::newRow("149 and 601010 check, others not")
-            << list + R"({"t":599999,"data":{"t":149}},{"t":599999,"data":{"t":"601010"}},
-            {"t":599999,"data":{"t":150}}]}})"
-            << -1 << 2;
-        QTest::newRow("non-zero code")
-            << QByteArray(
-                   R"({"code":1,"data":{"list":[{"t":599999,"data":{"t":138,"face_l":"F"}}]}})")
-            << -1 << 0;
-        QTest::newRow("not json") << QByteArray("{\"code\":0,") << -1 << 0;
+        const QByteArray level = list + R"({"t":"599999","data":{"t":138,"face_l":"",
+            "data":{"vip_info":{"vip":[%1]}}}}]}})";
+        const QByteArray user = R"({"state":true,"data":{"user_name":"ann","face":"f.png",
+            "mobile":"123","sapce":{"1":{"size_total":"2T","size_used":"1T",
+            "byte_size_remain":12345678901.9,"size_used_percent":"42.5"}},%1}})";
+        const QList<QPair<QByteArray, int>> marks{{"7", 7}, {"\"7\"", 7}, {"0", 0}, {"\"0\"", 0}};
+        for (const auto& mark : marks) {
+            const QByteArray entry = R"("mark":)" + mark.first + R"(,"expire":123)";
+            QTest::newRow("level " + mark.first)
+                << QByteArray(level).replace("%1", "{" + entry + "}") << mark.second << 0;
+            QTest::newRow("user level " + mark.first)
+                << QByteArray(user).replace("%1", entry) << mark.second << 0;
+        }
+        QTest::newRow("empty vip array") << QByteArray(level).replace("%1", "") << -1 << 0;
+        // Each type as a number and as a string, in an item of type 599999 and bare.
+        for (const QByteArray& type :
+             QByteArrayList{"138", "\"138\"", "149", "\"149\"", "601010", "\"601010\""}) {
+            const bool check = !type.contains("138"); // 138 without avatar nor level: -1
+            QTest::newRow("wrapped " + type)
+                << list + R"({"t":599999,"data":{"t":)" + type + "}}]}}" << (check ? 9 : -1)
+                << int(check);
+            QTest::newRow("bare " + type) << list + R"({"t":)" + type + "}]}}" << 9 << 0;
+        }
+        QTest::newRow("other type") << list + R"({"t":599999,"data":{"t":150}}]}})" << 9 << 0;
+        for (const QByteArray& code : QByteArrayList{"1", "-1"})
+            QTest::newRow("code " + code)
+                << R"({"code":)" + code +
+                       R"(,"data":{"list":[{"t":599999,"data":{"t":138,"face_l":"F"}}]}})"
+                << 9 << 0;
+        QTest::newRow("not json") << QByteArray("{\"code\":0,") << 9 << 0;
+        QTest::newRow("user refused") << QByteArray(R"({"state":false,"message":"no"})") << 9 << 0;
+        QTest::newRow("user not json") << QByteArray(R"({"state":true,)") << 9 << 0;
     }
     void messages()
     {
@@ -179,44 +198,58 @@ private slots:
         QFETCH(int, statusChecks);
         std::unique_ptr<MsgClient> client = m_s->client(fastTimes(kIdleStepMs));
         QSignalSpy checkSpy(client.get(), SIGNAL(checkstatus(bool)));
-        client->onhandleMsg(document);
-        QCOMPARE(DataCenter::getInstance()->GetUserFace(), QString());
-        QCOMPARE(vipInfor(), qMakePair(mark, qint64(mark < 0 ? -1 : 123)));
+        DataCenter::getInstance()->SetVipInfor(9, 9);
+        CUserInfor info;
+        if (document.startsWith(R"({"state")")) {
+            QCOMPARE(client->ParseUserInfor(document, info), mark == 9 ? -1 : 1);
+            QCOMPARE(info.userName + info.face + info.mobile + info.sizeTotal + info.sizeUsed,
+                     QString(mark == 9 ? "" : "annf.png1232T1T"));
+            QCOMPARE(info.byteSizeRemain, qint64(mark == 9 ? 0 : 12345678901));
+            QCOMPARE(info.sizeUsedPercent, mark == 9 ? 0.0 : 0.425);
+        } else {
+            client->onhandleMsg(document);
+        }
+        QCOMPARE(DataCenter::getInstance()->GetUserFace(), info.face);
+        QCOMPARE(vipInfor(), qMakePair(mark, qint64(mark == 9 || mark == -1 ? mark : 123)));
         QCOMPARE(checkSpy.count(), statusChecks);
         // A check without reconnection: the service is asked, nothing is scheduled.
         QCOMPARE(m_s->requestsTo(kSso), statusChecks);
         QCOMPARE(client->lastReconnectWaitMs(), 0);
     }
 
-    // A notice asks for the latest messages; an answer when running is not parsed but prompts a
-    // status check. With the last query unanswered, the next notice checks instead of asking.
+    // A notice asks for the latest messages, or checks the status when an answer is missing: the
+    // last answer's sequence + 1 (unsigned 32-bit) below the next request's. Requests go
+    // unanswered.
     void notice_data()
     {
-        QTest::addColumn<bool>("answered");
-        QTest::newRow("answered") << true;
-        QTest::newRow("unanswered") << false;
+        QTest::addColumn<qint64>("seq"); // of an answer sent first, which prompts a check; -1: none
+        QTest::addColumn<int>("checks");
+        QTest::newRow("a query, then a check") << -1LL << 1;
+        QTest::newRow("answer beyond the requests") << 5LL << 1;
+        QTest::newRow("answer sequence wraps") << 0xFFFFFFFFLL << 3;
     }
     void notice()
     {
-        QFETCH(bool, answered);
+        QFETCH(qint64, seq);
+        QFETCH(int, checks);
         std::unique_ptr<MsgClient> client = m_s->running();
-        m_s->push.setAnswerRequests(answered);
+        m_s->push.setAnswerRequests(false);
         m_s->push.clearFrames();
         QSignalSpy checkSpy(client.get(), SIGNAL(checkstatus(bool)));
-        QCOMPARE(m_s->push.sendNotice(42), 1);
-        QTRY_COMPARE(m_s->frames(&PushFrame::isQuery).size(), 1);
-        const PushFrame query = m_s->frames(&PushFrame::isQuery).at(0);
-        QCOMPARE(query.seq, 2u);
-        QCOMPARE(query.text, kQueryText);
-        if (!answered)
-            m_s->push.sendNotice(43);
-        QTRY_COMPARE(m_s->requestsTo(kSso), 1);
-        QCOMPARE(checkSpy.count(), 1);
-        QCOMPARE(checkSpy.at(0).at(0).toBool(), false);
+        if (seq >= 0) {
+            m_s->push.sendResponse(quint32(seq), "{}");
+            QTRY_COMPARE(m_s->requestsTo(kSso), 1);
+        }
+        for (int id : {42, 43}) {
+            QCOMPARE(m_s->push.sendNotice(id), 1);
+            QTRY_VERIFY(m_log.contains(QString(R"("notice_id":"%1")").arg(id)));
+        }
+        QCOMPARE(m_s->requestsTo(kSso), checks);
+        QCOMPARE(checkSpy.count(), checks);
+        QVERIFY(!checkSpy.contains({true}));
         QCOMPARE(vipInfor(), qMakePair(100, qint64(100)));
-        QCOMPARE(m_s->frames(&PushFrame::isQuery).size(), 1);
-        QCOMPARE(client->sequence(), 3u);
-        QCOMPARE(client->responseSeq(), answered ? 2u : 1u);
+        QTRY_COMPARE(m_s->frames(&PushFrame::isQuery).size(), int(client->sequence()) - 2);
+        QCOMPARE(client->responseSeq(), seq >= 0 ? quint32(seq) : 1u);
     }
 
     void serverAddress_data()
@@ -306,22 +339,38 @@ private slots:
         QCOMPARE(m_s->frames(&PushFrame::isLogin).size(), 1);
     }
 
-    // A dropped connection or a frame cut short checks the status with reconnection; the
-    // back-off restarts the process at step 0: a new connection with a new login.
+    // A dropped connection, a frame cut short or of another magic checks the status with
+    // reconnection; the back-off restarts at step 0: a new connection with a new login.
     void lostStream_data()
     {
         QTest::addColumn<QByteArray>("bytes"); // sent to the client; none: the server drops it
+        QTest::addColumn<QString>("line");     // what the client logs of it
         const QByteArray frame = pushwire::responseFrame(7, "{\"code\":0}", false);
-        QTest::newRow("dropped connection") << QByteArray();
-        QTest::newRow("part of the head") << frame.left(10);
+        const int body = frame.size() - 16;
+        const QString cut("nread failed! len is %1, available bytes is %2");
+        QTest::newRow("dropped connection") << QByteArray() << "server disconnect to socket";
+        QTest::newRow("3 bytes of a magic") << frame.left(3) << cut.arg(4).arg(3);
+        QTest::newRow("head one byte short") << frame.left(15) << cut.arg(12).arg(11);
+        QTest::newRow("body one byte short") << frame.chopped(1) << cut.arg(body).arg(body - 1);
+        QTest::newRow("notice one byte short")
+            << pushwire::noticeFrame(1).left(11) << "read response err!";
         // A head that announces almost 2 GiB: refused for want of bytes, never allocated.
         QByteArray huge = frame.left(16);
         huge.replace(12, 4, QByteArray("\xF0\xFF\xFF\x7F", 4));
-        QTest::newRow("huge body length") << huge + QByteArray(16, 'x');
+        QTest::newRow("huge body length")
+            << huge + QByteArray(16, 'x') << cut.arg(0x7FFFFFF0).arg(16);
+        const QByteArray head = frame.left(12); // but its length
+        QTest::newRow("no body") << head + QByteArray(4, '\0') << "read head or data failed!";
+        QTest::newRow("one-byte body") << head + QByteArray("\1\0\0\0x", 5) << "decode failed!";
+        for (const char* magic : {"FOOS", "HOOS", "IOOS", "KOOS", "MOOS"})
+            QTest::newRow(magic)
+                << QByteArray(magic) + frame.mid(4)
+                << QString("false magic:%1!").arg(qFromLittleEndian<quint32>(magic));
     }
     void lostStream()
     {
         QFETCH(QByteArray, bytes);
+        QFETCH(QString, line);
         std::unique_ptr<MsgClient> client = m_s->running();
         QSignalSpy checkSpy(client.get(), SIGNAL(checkstatus(bool)));
         if (bytes.isEmpty())
@@ -329,6 +378,7 @@ private slots:
         else
             m_s->push.sendRaw(bytes);
         QTRY_COMPARE(m_s->requestsTo(kSso), 1);
+        QVERIFY2(m_log.contains(line), qPrintable(m_log.since()));
         QCOMPARE(checkSpy.at(0).at(0).toBool(), true);
         QCOMPARE(client->lastReconnectWaitMs(), 10);
         QTRY_COMPARE_WITH_TIMEOUT(m_s->frames(&PushFrame::isQuery).size(), 2, 10000);
@@ -353,6 +403,8 @@ private slots:
         QTest::newRow("valid, reconnect") << 200 << kSsoValid << true << true << "" << 10 << false;
         QTest::newRow("state 2 is valid") << 200 << QByteArray(R"({"state":2,"message":"x"})")
                                           << true << false << "" << 0 << false;
+        QTest::newRow("no state is valid")
+            << 200 << QByteArray(R"({"message":"x"})") << true << false << "" << 0 << false;
         QTest::newRow("not json") << 200 << QByteArray("no") << true << true << "" << 0 << true;
         QTest::newRow("server error") << 500 << kSsoValid << true << false << "" << 0 << true;
     }
@@ -476,26 +528,6 @@ private slots:
         QCOMPARE(client->reconnectPending(), reconnect);
         QCOMPARE(client->checking(), false);
         QCOMPARE(client->process(), step);
-    }
-
-    void userInfor()
-    {
-        std::unique_ptr<MsgClient> client = m_s->client(fastTimes(kIdleStepMs));
-        CUserInfor info;
-        QCOMPARE(client->ParseUserInfor(R"({"state":false,"message":"no"})", info), -1);
-        QCOMPARE(client->ParseUserInfor("{", info), -1);
-        QCOMPARE(vipInfor().first, -1);
-        QCOMPARE(client->ParseUserInfor(R"({"state":true,"data":{"mark":"3","expire":1900000000,
-            "user_name":"ann","face":"f.png","mobile":"123","sapce":{"1":{"size_total":"2T",
-            "size_used":"1T","byte_size_remain":12345678901.9,"size_used_percent":"42.5"}}}})",
-                                        info),
-                 1);
-        QCOMPARE(vipInfor(), qMakePair(3, qint64(1900000000)));
-        QCOMPARE(DataCenter::getInstance()->GetUserFace(), QString("f.png"));
-        QCOMPARE(info.userName + info.mobile + info.sizeTotal + info.sizeUsed,
-                 QString("ann1232T1T"));
-        QCOMPARE(info.byteSizeRemain, qint64(12345678901));
-        QCOMPARE(info.sizeUsedPercent, 0.425);
     }
 };
 
