@@ -159,22 +159,24 @@ private slots:
         const auto fails = [](const QByteArray& head, const QByteArray& body, const QString& line) {
             QTest::newRow(qPrintable(line)) << head << body << QByteArray("old") << -1 << line;
         };
-        const QString notice("len err [%1], required len [8]magic_num [%2]");
+        const auto number = [](const char* magic) { return qFromLittleEndian<quint32>(magic); };
+        const QString notice("decode get push notice data but in data len err [%1], required len "
+                             "[8]magic_num [%2]");
         for (int size : {7, 9}) // a 4-byte head is a notice's, 8 bytes its body
-            fails("LOOS", QByteArray(size, 'n'),
-                  notice.arg(size).arg(qFromLittleEndian<quint32>("LOOS")));
+            fails("LOOS", QByteArray(size, 'n'), notice.arg(size).arg(number("LOOS")));
         for (const char* magic : {"JOOS", "KOOS", "MOOS"})
-            fails(magic, QByteArray(8, 'n'), notice.arg(8).arg(qFromLittleEndian<quint32>(magic)));
+            fails(magic, QByteArray(8, 'n'), notice.arg(8).arg(number(magic)));
         const QByteArray body(50, 'x');
+        const QString magicLine("head.magic_quote [%1] err, MAGIC_RSP [1397706570] MAGIC_PSH "
+                                "[1397706571]");
         for (const char* magic : {"FOOS", "GOOS", "HOOS", "IOOS", "LOOS", "MOOS"})
-            fails(rspHead(magic, 1, false, 50), body,
-                  QString("head.magic_quote [%1] err").arg(qFromLittleEndian<quint32>(magic)));
+            fails(rspHead(magic, 1, false, 50), body, magicLine.arg(number(magic)));
         for (int length : {49, 51})
             fails(rspHead("JOOS", 1, false, length), body,
                   QString("length err head.length = [%1], in.length() = [50]").arg(length));
+        const QString sizeLine("length of headstring [%1] not confirmed to sizeof(MSG_HEAD) [16]");
         for (int size : {3, 5, 15, 17})
-            fails((rspHead("JOOS", 1, false, 50) + 'x').left(size), body,
-                  QString("length of headstring [%1] not confirmed").arg(size));
+            fails((rspHead("JOOS", 1, false, 50) + 'x').left(size), body, sizeLine.arg(size));
     }
     void answers()
     {

@@ -154,8 +154,7 @@ private slots:
     }
 
     // Wrapped items of type 138 carry the membership (the avatar: see processWalksToRunning);
-    // 149 and 601010 ask for a status check; nothing else, nor a failed answer, changes a thing;
-    // the level is a number or a numeric string, in a message or in user information.
+    // 149 and 601010 ask for a status check; nothing else, nor a failed answer, changes a thing.
     void messages_data()
     {
         QTest::addColumn<QByteArray>("document");
@@ -221,9 +220,8 @@ private slots:
         QCOMPARE(client->lastReconnectWaitMs(), 0);
     }
 
-    // A notice asks for the latest messages, or checks the status when an answer is missing: the
-    // last answer's sequence + 1 (unsigned 32-bit) below the next request's. Requests go
-    // unanswered.
+    // A notice asks for the latest messages (unanswered here), or checks the status when an answer
+    // is missing: the last answer's sequence + 1 (unsigned 32-bit) below the next request's.
     void notice_data()
     {
         QTest::addColumn<qint64>("seq"); // of an answer sent first, which prompts a check; -1: none
