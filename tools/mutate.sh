@@ -87,6 +87,7 @@ target_of() {
     case "$1" in
     d627_not_linked_to_ec627) echo d627 ;;
     tst_cipher_nolib) echo tst_cipher_fake ;;
+    tst_slow) echo tst_endtoend ;;
     d627_*) echo all ;; # the shell tests use the daemon, the tools and the manual pages
     *) echo "$1" ;;
     esac

@@ -50,18 +50,6 @@ enum Fault
 const char* const kFaultNames[FaultCount] = {"loss",  "black-hole", "reset", "cap",
                                              "delay", "stall",      "slice", "http-loss"};
 
-int run(const QString& program, const QStringList& arguments, const QByteArray& input = {})
-{
-    QProcess process;
-    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process.start(program, arguments);
-    process.write(input);
-    process.closeWriteChannel();
-    if (!process.waitForFinished(30000) || process.exitStatus() != QProcess::NormalExit)
-        return -1;
-    return process.exitCode();
-}
-
 // The /proc/net/tcp lines of the sockets of process `pid` that are connected or connecting to
 // `port`.
 QList<QByteArray> connectionsTo(qint64 pid, quint16 port)
@@ -118,8 +106,7 @@ void tst_Chaos::initTestCase()
 {
     // Only where the loopback device is the only one, as in the network namespace of its own
     // that ctest gives it: the rules below change how that device forwards.
-    const QList<QByteArray> devices = linesOf(readFile("/proc/self/net/dev")).mid(2);
-    if (devices.size() != 1 || !devices.first().trimmed().startsWith("lo:"))
+    if (!onlyLoopback())
         QSKIP("runs only in a network namespace of its own (tests/support/netns.sh, as root)");
     if (run("nft", {"list", "tables"}) != 0 || run("tc", {"qdisc", "show", "dev", "lo"}) != 0)
         QSKIP("nftables and tc are not usable here");

@@ -51,6 +51,24 @@ QByteArray readFile(const QString& path)
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
+
+int run(const QString& program, const QStringList& arguments, const QByteArray& input)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    process.start(program, arguments);
+    process.write(input);
+    process.closeWriteChannel();
+    if (!process.waitForFinished(30000) || process.exitStatus() != QProcess::NormalExit)
+        return -1;
+    return process.exitCode();
+}
+
+bool onlyLoopback()
+{
+    const QList<QByteArray> devices = linesOf(readFile("/proc/self/net/dev")).mid(2);
+    return devices.size() == 1 && devices.first().trimmed().startsWith("lo:");
+}
 } // namespace e2e
 
 using namespace e2e;
@@ -269,6 +287,20 @@ QList<qint64> E2eHarness::logTimes(const QByteArray& text) const
             QString::fromUtf8(line.mid(line.indexOf(']') + 1, 23)), "yyyy-MM-dd hh:mm:ss.zzz");
         if (line.contains(text) && line.startsWith('[') && time.isValid())
             times << time.toMSecsSinceEpoch();
+    }
+    return times;
+}
+
+QList<qint64> E2eHarness::sandboxTimes(const QByteArray& text)
+{
+    QList<qint64> times;
+    const QDateTime now = QDateTime::currentDateTime();
+    for (const QByteArray& line : linesOf(sandboxText())) {
+        // A line: "[hh:mm:ss.zzz] sandbox: <text>", of today or, past midnight, of yesterday.
+        const QDateTime time(now.date(),
+                             QTime::fromString(QString(line.mid(1, 12)), "hh:mm:ss.zzz"));
+        if (line.contains(text) && time.isValid())
+            times << time.toMSecsSinceEpoch() - (time > now.addSecs(60) ? 86400000 : 0);
     }
     return times;
 }

@@ -27,6 +27,10 @@ bool waitFor(const std::function<bool()>& done, int timeoutMs);
 QByteArray compact(const QJsonObject& object);
 QList<QByteArray> linesOf(const QByteArray& text);
 QByteArray readFile(const QString& path); // empty when unreadable
+// Runs a program with `input` on its standard input; its exit code, -1 when it failed to run.
+int run(const QString& program, const QStringList& arguments, const QByteArray& input = {});
+// True in a network namespace whose only device is the loopback, as netns.sh gives a test.
+bool onlyLoopback();
 } // namespace e2e
 
 class E2eHarness : public QObject
@@ -72,6 +76,7 @@ public:
     }
     // Times (ms since the epoch) of the daemon's log lines that contain `text`.
     QList<qint64> logTimes(const QByteArray& text) const;
+    QList<qint64> sandboxTimes(const QByteArray& text); // the same for the sandbox's lines
 
     // Waits for a message from the daemon, received at index `from` or later, that has `key`.
     bool waitMessage(const QString& key, int from, int timeoutMs, QJsonObject& found);
