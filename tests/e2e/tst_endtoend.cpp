@@ -98,6 +98,27 @@ private slots:
         QVERIFY(h.daemonLog().contains("user is logout! message is " + text.toUtf8()));
         QCOMPARE(h.sandboxCount("client connected"), 1);
     }
+    // The device part of the push session id (bits 12 to 21): the address of the first interface
+    // up, running and not the loopback, without colons, read in base 2 (0 for none or for hex).
+    void sessionIdDevicePart()
+    {
+        if (!onlyLoopback() || run("ip", {"link", "add", "v0", "type", "veth", "peer", "v1"}) != 0)
+            QSKIP("needs a network namespace of its own");
+        const QString set = "link set %1 down\nlink set %1 address %2\nlink set %1 up\n";
+        const QStringList macs{"", "52:54:00:12:34:56", "10:10:10:10:10:10"}; // parts 0, 0, 682
+        for (int login = 1; login <= macs.size(); ++login) {
+            const QString mac = macs.at(login - 1);
+            QVERIFY(login == 1 || (run("ip", {"-batch", "-"},
+                                       (set.arg("v0", mac) + set.arg("v1", mac)).toUtf8()) == 0 &&
+                                   h.ctl("drop") && h.waitLog(kRunning, login, 30000)));
+            const QByteArray line =
+                h.lineAt(h.sandboxLine("push  #" + QByteArray::number(login) + " HOOS login "));
+            const quint64 session =
+                QRegularExpression(" session=(\\d+) ").match(line).captured(1).toULongLong();
+            QVERIFY2(session > 0 && (session >> 12 & 0x3FF) == (login == 3 ? 682u : 0u),
+                     line.constData());
+        }
+    }
     // One daemon run sees each interval of the push connection at its real value, as a lower
     // bound (coarse timers may fire 5 % early; log times are whole ms); only tst_slow plays it.
     void realIntervals()
