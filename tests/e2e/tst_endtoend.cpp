@@ -107,7 +107,7 @@ private slots:
         const QString set = "link set %1 down\nlink set %1 address %2\nlink set %1 up\n";
         const QStringList macs{"", "52:54:00:12:34:56", "10:10:10:10:10:10"}; // parts 0, 0, 682
         for (int login = 1; login <= macs.size(); ++login) {
-            const QString mac = macs.at(login - 1);
+            const QString& mac = macs.at(login - 1);
             QVERIFY(login == 1 || (run("ip", {"-batch", "-"},
                                        (set.arg("v0", mac) + set.arg("v1", mac)).toUtf8()) == 0 &&
                                    h.ctl("drop") && h.waitLog(kRunning, login, 30000)));
