@@ -8,6 +8,7 @@
 // and no terminator. With FAKE_EC627_REAL naming a real library every entry point forwards to
 // it, except the one named by FAKE_EC627_FAIL, which fails (-1; ec627_encode_token 0), so that
 // the daemon meets a broken entry point; FAKE_EC627_FAIL=token_length: a 47-byte message token.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -174,9 +175,11 @@ FAKE_API int ec627_msg_encode(unsigned int type, const unsigned char* in, int n,
         return 7;
     const int rc = wrap("MSG:", in, n, out, len);
     const char* m = env("FAKE_EC627_MODE");
-    const int size =
-        m && std::strncmp(m, "token", 5) == 0 ? int(std::strtol(m + 5, nullptr, 10)) : 48;
-    return rc != 0 ? rc : pattern(size, token, tlen);
+    // "tokenN" with N outside 0..255 is clamped: the token is built in a 255-byte buffer.
+    const long size = m && std::strncmp(m, "token", 5) == 0
+                          ? std::clamp(std::strtol(m + 5, nullptr, 10), 0L, 255L)
+                          : 48;
+    return rc != 0 ? rc : pattern(int(size), token, tlen);
 }
 
 FAKE_API int ec627_encode(unsigned int type, const unsigned char* in, int n, unsigned char* out,
