@@ -11,7 +11,6 @@
 
 #include <QDateTime>
 #include <QRandomGenerator>
-#include <QScopedValueRollback>
 #include <QTimer>
 #include <utility>
 
@@ -31,24 +30,26 @@ MsgClient::MsgClient(QObject* parent, const MsgClientTimes& times)
     connect(this, SIGNAL(checkstatus(bool)), this, SLOT(oncheckstatus(bool)));
     connect(this, SIGNAL(checkuserinfo()), this, SLOT(oncheckUserInfor()));
     connect(this, SIGNAL(socketerror()), this, SLOT(onsocketerror()));
-    // Children of this object, made on its thread: one pending step and one pending restart.
+    // Children of this object, made on its thread: the pending step, the pending restart, the
+    // answer watchdog and the network-error timer.
     m_runTimer = new QTimer(this);
     m_runTimer->setSingleShot(true);
     connect(m_runTimer, SIGNAL(timeout()), this, SLOT(onRun()));
     m_reconnectTimer = new QTimer(this);
     m_reconnectTimer->setSingleShot(true);
     connect(m_reconnectTimer, SIGNAL(timeout()), this, SLOT(onsocketerror()));
+    m_checkTimer = new QTimer(this);
+    m_checkTimer->setSingleShot(true);
+    connect(m_checkTimer, SIGNAL(timeout()), this, SLOT(onCheckTimer()));
+    m_netCheckTimer = new QTimer(this);
+    m_netCheckTimer->setInterval(m_times.netErrorMs);
+    connect(m_netCheckTimer, SIGNAL(timeout()), this, SLOT(onNetError()));
     m_process = kStepConnect;
     startRunTimer();
 }
 
 MsgClient::~MsgClient()
 {
-    // Not inside a timeout of theirs here: the timers go at once.
-    delete m_checkTimer;
-    m_checkTimer = nullptr;
-    delete m_netCheckTimer;
-    m_netCheckTimer = nullptr;
     // The sockets closed earlier are children of this object and go with it. The open one must
     // not report its disconnection to an object being destroyed.
     if (m_socket)
@@ -120,19 +121,19 @@ void MsgClient::onRun()
 int MsgClient::connect2Server()
 {
     Infor tracer(kLogTrace, scopeName("connect2Server"));
-    // The address lookup waits in a nested event loop, where another scheduled step 0 can run.
-    // Connecting from there as well would leave the first socket connected to this object and
-    // advance the process twice, so the inner call leaves the step to the outer one.
-    if (m_connecting)
-        return 0;
-    const QScopedValueRollback<bool> connecting(m_connecting, true);
     stopCheckTime();
     stopNetCheckTime();
     CloseSocket();
+    // The address lookup waits in a nested event loop, where a restart can run another step 0.
+    // The newer one connects; this one then leaves the connection to it.
+    const quint64 connection = ++m_connection;
 
     QString host;
     int port = 0;
-    if (!GetServerAddress(host, port)) {
+    const bool found = GetServerAddress(host, port) != 0;
+    if (connection != m_connection)
+        return 0;
+    if (!found) {
         logger()->Msg(kLogError, "MsgClient::connect2Server GetServerAddress failed!");
         return -1;
     }
@@ -145,8 +146,7 @@ int MsgClient::connect2Server()
         logger()->Msg(kLogError, "MsgClient::connect2Server connect to server failed!");
         return -1;
     }
-    connect(m_socket, SIGNAL(readyRead()), this, SLOT(onReadyRead()));
-    connect(m_socket, SIGNAL(disconnected()), this, SLOT(ondisconnected()));
+    attachSocket(m_socket);
     nextProcess();
     return 0;
 }
@@ -166,9 +166,14 @@ int MsgClient::login()
         logger()->Msg(kLogError, "client login first_req_encode failed!");
         return -1;
     }
+    const LinkPoint at = here();
     if (writeCmd(frame) != 0)
         logger()->Msg(kLogError, "client login write cmd(%s) failed!", frame.constData());
     logger()->Msg(kLogProgress, "LoginIMServer first_req_encode out is %s", frame.constData());
+    // A failed write reports the failure, and its status check may restart the steps: then the
+    // login belongs to a connection that is gone.
+    if (here() != at)
+        return 0;
     m_sequence += 1;
     startCheckTimeMs(m_times.answerMs);
     return 0;
@@ -192,8 +197,10 @@ int MsgClient::GetMaxId()
 {
     Infor tracer(kLogTrace, scopeName("GetMaxId"));
     logger()->Msg(kLogProgress, "3.1: get max_id.");
+    const LinkPoint at = here();
     SendQuery("0");
-    startCheckTimeMs(m_times.answerMs);
+    if (here() == at)
+        startCheckTimeMs(m_times.answerMs);
     return 0;
 }
 
@@ -211,13 +218,20 @@ int MsgClient::StartHeartTimer()
 void MsgClient::onsocketerror()
 {
     logger()->Msg(kLogError, "socket error");
-    // The chain before this restart is over: its socket's late signals reach nothing and its
-    // pending step is replaced below. Step 0 closes that socket.
+    // The chain before this restart is over: its socket's late signals reach nothing, its
+    // watchdog is stopped and its pending step is replaced below. Step 0 closes that socket.
     detachSocket();
     m_reconnectTimer->stop();
-    ++m_chain;
+    stopCheckTime();
+    ++m_connection;
     m_process = kStepConnect;
     startRunTimer();
+}
+
+void MsgClient::attachSocket(ClientTcpSocket* socket)
+{
+    connect(socket, SIGNAL(readyRead()), this, SLOT(onReadyRead()));
+    connect(socket, SIGNAL(disconnected()), this, SLOT(ondisconnected()));
 }
 
 void MsgClient::detachSocket()
@@ -246,7 +260,6 @@ void MsgClient::CloseSocket()
     if (!m_socket)
         return;
     detachSocket();
-    ++m_chain;
     m_socket->stopTime();
     if (m_socket->isOpen()) {
         m_socket->disconnectFromHost();
@@ -285,7 +298,13 @@ void MsgClient::onSendHeartTimer()
 {
     Infor tracer(kLogTrace, scopeName("onSendHeartTimer"));
     const SocketSignalScope inSignal(this);
-    if (SendHeart() == 0)
+    const LinkPoint at = here();
+    const int ret = SendHeart();
+    // The write may have waited while the connection was replaced: the watchdog and the check
+    // belong to this heartbeat's own connection.
+    if (here() != at)
+        return;
+    if (ret == 0)
         startCheckTimeMs(m_times.heartbeatAnswerMs);
     else
         emit checkstatus(true);
@@ -298,26 +317,12 @@ void MsgClient::startCheckTime(int seconds)
 
 void MsgClient::startCheckTimeMs(int msec)
 {
-    stopCheckTime();
-    m_checkTimer = new QTimer;
-    m_checkTimer->setInterval(msec);
-    connect(m_checkTimer, SIGNAL(timeout()), this, SLOT(onCheckTimer()));
-    m_checkTimer->start();
+    m_checkTimer->start(msec);
 }
 
 void MsgClient::stopCheckTime()
 {
-    retireTimer(m_checkTimer);
-}
-
-void MsgClient::retireTimer(QTimer*& timer)
-{
-    if (!timer)
-        return;
-    timer->stop();
-    timer->disconnect();
-    timer->deleteLater();
-    timer = nullptr;
+    m_checkTimer->stop();
 }
 
 void MsgClient::onCheckTimer()
@@ -329,21 +334,29 @@ void MsgClient::onCheckTimer()
 
 void MsgClient::startNetCheckTime()
 {
-    if (m_netCheckTimer)
+    if (m_netCheckTimer->isActive())
         return;
-    m_netCheckTimer = new QTimer;
-    m_netCheckTimer->setInterval(m_times.netErrorMs);
-    connect(m_netCheckTimer, SIGNAL(timeout()), this, SLOT(onNetError()));
+    m_netCheckConnection = m_connection;
     m_netCheckTimer->start();
 }
 
 void MsgClient::stopNetCheckTime()
 {
-    retireTimer(m_netCheckTimer);
+    m_netCheckTimer->stop();
+}
+
+bool MsgClient::netCheckPending() const
+{
+    return m_netCheckTimer->isActive();
 }
 
 void MsgClient::onNetError()
 {
+    // Started for a connection that a restart has replaced since: that one is not asked about.
+    if (m_netCheckConnection != m_connection) {
+        stopNetCheckTime();
+        return;
+    }
     logger()->Msg(kLogError, "net error, so check status");
     emit checkstatus(true);
 }

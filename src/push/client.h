@@ -10,7 +10,6 @@
 #include <QStringList>
 #include <QVector>
 #include <ctime>
-#include <optional>
 
 class ClientTcpSocket;
 class QTimer;
@@ -64,24 +63,41 @@ enum MsgClientStep
     kStepRunning = 4
 };
 
+// Where the push connection stands: which connection the steps work on (a number that every
+// restart and every step 0 bumps) and the process step (m_process). Work that waited in a nested
+// event loop (an HTTP request, a blocking write that delivered socket signals) compares the point
+// it started at with the current one, and acts only while they are equal.
+struct LinkPoint
+{
+    quint64 connection = 0;
+    int step = kStepConnect;
+    bool operator==(const LinkPoint& other) const
+    {
+        return connection == other.connection && step == other.step;
+    }
+    bool operator!=(const LinkPoint& other) const { return !(*this == other); }
+};
+
 // The daemon's one TCP connection to the push server. It walks a numbered process
 // (0 connect, 1 log in, 2 query the latest messages, 3 start the heartbeat, 4 running), one
-// step per single-shot timer, reads one frame per readyRead, dispatches messages into the
-// DataCenter, and on any failure emits checkstatus(true): the login-status check then either
+// step per single-shot timer, reads every whole frame the socket holds, dispatches messages into
+// the DataCenter, and on any failure emits checkstatus(true): the login-status check then either
 // stores a logout or reconnects after a back-off.
 //
 // Thread: everything (socket, timers, HTTP requests in nested event loops) runs on the thread
 // that created the object, the client thread in the daemon. All connections are direct.
 //
-// One chain of steps at a time. The HTTP requests wait in nested event loops, where socket
-// signals and timers of this object keep coming, so failures can overlap:
+// State: the step (m_process) and the connection number (m_connection) say where the connection
+// is; the restart timer running means a restart waits for its back-off; m_statusCheck is the
+// status check waiting for its answer. The HTTP requests wait in nested event loops, where socket
+// signals and timers keep coming, so work overlaps. The rules that keep one chain of steps:
 // - one step timer: a restart replaces the pending step of the chain before it;
-// - a restart also detaches the old socket, so its late signals reach nothing;
-// - a status check asked for while one is under way is merged into it (with a reconnection if
-//   any merged request asked for one), and a reconnection is scheduled only for the chain that
-//   is current and only once per failure episode (none while one is pending);
-// - a handler that waited in a nested loop moves the steps on only if the chain (m_chain) and
-//   the step are still the ones it started with.
+// - a restart detaches the old socket, so its late signals reach nothing;
+// - a newer status check abandons the one still waiting and takes over its wish to reconnect, so
+//   a status request that never answers holds nothing back;
+// - one restart timer, re-armed by every confirmation to the newest back-off;
+// - everything that waited (a step, a query, a heartbeat, a status check, the network-error
+//   timer) acts only on the connection and step it started with.
 class MsgClient : public QObject
 {
     Q_OBJECT
@@ -106,13 +122,16 @@ public:
 
     // Read-only views of the connection state (for diagnostics and tests).
     int process() const { return m_process; }
+    LinkPoint here() const { return {m_connection, m_process}; }
     unsigned int sequence() const { return m_sequence; }
     unsigned int responseSeq() const { return m_responseSeq; }
-    // Wait of the last reconnection scheduled by the status check, in milliseconds (0: none).
+    // Wait of the last reconnection computed by the status check, in milliseconds (0: none).
     int lastReconnectWaitMs() const { return m_lastReconnectWaitMs; }
-    // A status check is waiting for its answer; a reconnection is waiting for its back-off.
-    bool checking() const { return m_checking; }
+    // A status check is waiting for its answer; a restart is waiting for its back-off.
+    bool checking() const { return m_statusCheck != nullptr; }
     bool reconnectPending() const;
+    // The network-error timer runs (the status check failed and is repeated).
+    bool netCheckPending() const;
 
     // Process steps.
     int connect2Server();
@@ -184,15 +203,19 @@ public slots:
     void oncheckUserInfor();
 
 private:
+    // A status check waiting for its answer (it lives on the stack of oncheckstatus).
+    struct StatusCheck;
+
     // readHead that also hands back the 16 head bytes as received.
     int readHead(tagTRANSPORT_PKG_HEAD_RSP& head, QByteArray& headString);
-    // Schedules onsocketerror() after the process-wide back-off.
-    void scheduleReconnect();
-    // Disconnects the current socket's signals from this object, leaving it open.
+    // Reads and handles one frame; false when the reading failed (reported as a check).
+    bool readOneFrame();
+    // Computes the next wait of the process-wide back-off and arms the restart with it, when the
+    // confirmation is about the current connection or a restart is already waiting.
+    void scheduleReconnect(bool current);
+    // Wires a connected socket's signals to this object; detachSocket() undoes it.
+    void attachSocket(ClientTcpSocket* socket);
     void detachSocket();
-    // Stops a timer and deletes it once control is back in the event loop: the timer may be the
-    // one whose timeout() is being delivered.
-    static void retireTimer(QTimer*& timer);
     std::string scopeName(const char* function) const;
     // Frees the sockets closed while a socket signal was being delivered.
     void freeClosedSockets();
@@ -205,22 +228,20 @@ private:
     unsigned int m_responseSeq = 0;
     time_t m_lastQueryTime = 0;
     ClientTcpSocket* m_socket = nullptr;
-    QTimer* m_checkTimer = nullptr;
-    QTimer* m_netCheckTimer = nullptr;
-    int m_process = 0;
+    // Children of this object, made on its thread, started and stopped for its whole life.
+    QTimer* m_checkTimer = nullptr;    // the answer watchdog, single-shot
+    QTimer* m_netCheckTimer = nullptr; // repeats the status check while it fails
+    int m_process = kStepConnect;
 
     MsgClientTimes m_times;
     QString m_pushAddressUrl;
     QString m_ssoStatusUrl;
     int m_lastReconnectWaitMs = 0;
-    QTimer* m_runTimer = nullptr;       // the pending step, single-shot
-    QTimer* m_reconnectTimer = nullptr; // the back-off before a restart, single-shot
-    // Bumped by every restart, disconnection and closed socket: what a nested wait compares.
-    quint64 m_chain = 0;
-    bool m_checking = false; // a status check waits for its answer
-    // m_chain when the check under way (or one merged into it) last asked to reconnect.
-    std::optional<quint64> m_reconnectFor;
-    bool m_connecting = false;   // connect2Server() is running (possibly in a nested event loop)
-    int m_socketSignalDepth = 0; // SocketSignalScope objects alive
+    QTimer* m_runTimer = nullptr;         // the pending step, single-shot
+    QTimer* m_reconnectTimer = nullptr;   // the back-off before a restart, single-shot
+    quint64 m_connection = 0;             // see LinkPoint
+    quint64 m_netCheckConnection = 0;     // the connection the network-error timer was started for
+    StatusCheck* m_statusCheck = nullptr; // the status check waiting for its answer, if any
+    int m_socketSignalDepth = 0;          // SocketSignalScope objects alive
     QList<ClientTcpSocket*> m_closedSockets; // closed inside a socket signal, freed after it
 };

@@ -43,8 +43,13 @@ int MsgClient::SendQuery(const QString& id)
         logger()->Msg(kLogError, "mclient.normal_req_encode fail");
         return -1;
     }
+    const LinkPoint at = here();
     if (writeCmd(frame) != 0)
         logger()->Msg(kLogError, "write data failed");
+    // A failed write still counts as a sent query, on its own connection. Its failure may have
+    // restarted the steps meanwhile; the new connection's numbers are left alone.
+    if (here() != at)
+        return 0;
     m_sequence += 1;
     m_lastQueryTime = time(nullptr);
     return 0;
@@ -120,13 +125,12 @@ void MsgClient::HandlerMessage(const QByteArray& message)
 bool MsgClient::HandleMaxIdMessage(int, const QByteArray& message)
 {
     // A message of the answer may wait for a status check in a nested event loop, where the
-    // connection can drop or the steps restart. Only the chain that read the answer moves on.
-    const quint64 chain = m_chain;
-    const int step = m_process;
+    // steps can restart or another answer move them on. Only the step that read this answer
+    // moves on; the answer counts as handled either way.
+    const LinkPoint at = here();
     HandlerMessage(message);
-    if (chain != m_chain || step != m_process)
-        return false;
-    nextProcess();
+    if (here() == at)
+        nextProcess();
     return true;
 }
 

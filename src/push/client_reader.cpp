@@ -4,20 +4,13 @@
 #include "client_p.h"
 #include "clienttcpsocket.h"
 
+#include <QtEndian>
 #include <cerrno>
 #include <cstring>
 
 using msgclient_detail::logger;
 
-namespace {
-quint32 readLe32(const char* bytes)
-{
-    quint32 value = 0;
-    for (int i = 3; i >= 0; --i)
-        value = (value << 8) | static_cast<unsigned char>(bytes[i]);
-    return value;
-}
-} // namespace
+using pushframe::kMagicSize;
 
 int MsgClient::writeCmd(const QByteArray& frame)
 {
@@ -35,10 +28,8 @@ ClientTcpSocket* MsgClient::setSocket(ClientTcpSocket* socket)
     if (previous)
         previous->disconnect(this);
     m_socket = socket;
-    if (socket) {
-        connect(socket, SIGNAL(readyRead()), this, SLOT(onReadyRead()));
-        connect(socket, SIGNAL(disconnected()), this, SLOT(ondisconnected()));
-    }
+    if (socket)
+        attachSocket(socket);
     return previous;
 }
 
@@ -82,15 +73,14 @@ int MsgClient::readHead(tagTRANSPORT_PKG_HEAD_RSP& head)
 
 int MsgClient::readHead(tagTRANSPORT_PKG_HEAD_RSP& head, QByteArray& headString)
 {
-    char rest[Msg_client::kMsgHeadSize - 4];
+    char rest[Msg_client::kMsgHeadSize - kMagicSize];
     std::memset(rest, 0, sizeof(rest));
     if (nread(rest, sizeof(rest)) != 0) {
         logger()->Msg(kLogError, "read head failed!");
         return -1;
     }
-    headString.clear();
-    for (int i = 0; i < 4; ++i)
-        headString.append(static_cast<char>((head.magic_quote >> (8 * i)) & 0xFF));
+    headString = QByteArray(kMagicSize, '\0');
+    qToLittleEndian<quint32>(head.magic_quote, headString.data());
     headString.append(rest, sizeof(rest));
     Msg_client::parseHead(headString, head);
     return 0;
@@ -115,12 +105,12 @@ int MsgClient::readFromServer(QByteArray& out)
     if (!m_socket || !m_socket->isOpen())
         return -1;
 
-    char magicBytes[4] = {0, 0, 0, 0};
-    if (nread(magicBytes, 4) != 0) {
+    char magicBytes[kMagicSize] = {};
+    if (nread(magicBytes, kMagicSize) != 0) {
         logger()->Msg(kLogImportant, "nread false! client read from server failed!");
         return -1;
     }
-    const quint32 magic = readLe32(magicBytes);
+    const quint32 magic = pushframe::readLe32(magicBytes);
     logger()->Msg(kLogProgress, "nread ok! client read from server success!");
     logger()->Msg(kLogImportant, "magic is %d!", static_cast<int>(magic));
 
@@ -152,7 +142,7 @@ int MsgClient::readFromServer(QByteArray& out)
             logger()->Msg(kLogError, "read response err!");
             return -1;
         }
-        if (Msg_client::decode(QByteArray(magicBytes, 4), body, out) != 0) {
+        if (Msg_client::decode(QByteArray(magicBytes, kMagicSize), body, out) != 0) {
             logger()->Msg(kLogError, "decode response failed! response is %s!", body.constData());
             return -1;
         }
@@ -166,6 +156,19 @@ void MsgClient::onReadyRead()
 {
     Infor tracer(kLogTrace, scopeName("onReadyRead"));
     const SocketSignalScope inSignal(this);
+    // Every frame the socket holds is read now: Qt signals again only for bytes that arrive
+    // later, and a frame that came in the same segment as the one before must not wait for them.
+    // Handling a frame may wait in a nested event loop that replaces the connection; the bytes
+    // of a replaced connection are not read.
+    const quint64 connection = m_connection;
+    while (connection == m_connection && m_socket && m_socket->bytesAvailable() > 0) {
+        if (!readOneFrame())
+            return;
+    }
+}
+
+bool MsgClient::readOneFrame()
+{
     QByteArray message;
     const int rc = readFromServer(message);
     if (rc < 0) {
@@ -174,9 +177,10 @@ void MsgClient::onReadyRead()
                       "is %d",
                       m_process);
         emit checkstatus(true);
-        return;
+        return false;
     }
     logger()->Msg(kLogProgress, "client read from server message is %s", message.constData());
+    const LinkPoint at = here();
     switch (m_process) {
     case kStepLogin:
         // Whatever the login answer holds, it moves the process on.
@@ -184,11 +188,17 @@ void MsgClient::onReadyRead()
         nextProcess();
         break;
     case kStepQuery:
-        if (HandleMaxIdMessage(rc, message))
+        // Only a frame read after the query has gone out answers it (the login clears the query
+        // time); one that came before, such as a notice right after the login answer, is dropped.
+        if (m_lastQueryTime == 0)
+            break;
+        // The answer's messages may wait for a status check; the watchdog is stopped only if the
+        // connection is still the one that asked.
+        if (HandleMaxIdMessage(rc, message) && at.connection == m_connection)
             stopCheckTime();
         break;
     case kStepRunning:
-        if (HandleMessageFormServer(rc, message) != 0) {
+        if (HandleMessageFormServer(rc, message) != 0 && here() == at) {
             emit checkstatus(true);
             emit checkuserinfo();
         }
@@ -196,6 +206,7 @@ void MsgClient::onReadyRead()
     default:
         break;
     }
+    return true;
 }
 
 void MsgClient::ondisconnected()
@@ -205,6 +216,5 @@ void MsgClient::ondisconnected()
     const QString error = m_socket ? m_socket->errorString() : QString();
     logger()->Msg(kLogError, "server disconnect to socket, error is %s",
                   error.toUtf8().constData());
-    ++m_chain;
     emit checkstatus(true);
 }

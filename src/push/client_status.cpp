@@ -26,6 +26,8 @@ namespace {
 constexpr int kBackoffFirstS = 1;
 constexpr int kBackoffQuietS = 5;
 constexpr int kBackoffMaxS = 10;
+// What CRequestHttps::SendRequest returns when its wait was abandoned through Abort().
+constexpr int kRequestAbandoned = 1;
 // "state" of a status answer that means the user was logged out.
 constexpr int kStateLoggedOut = 1;
 // The membership pair that marks a pending refresh for the main application.
@@ -133,16 +135,16 @@ bool MsgClient::ChooseServerAddress(const QStringList& list, QString& ip, int& p
     return false;
 }
 
+struct MsgClient::StatusCheck
+{
+    CRequestHttps request;
+    bool needConnect = false;
+    quint64 connection = 0;
+};
+
 void MsgClient::oncheckstatus(bool bneedconnect)
 {
     Infor tracer(kLogTrace, scopeName("oncheckstatus"));
-    // The request below waits in a nested event loop, where more failures can be reported. They
-    // join the check under way instead of starting one of their own.
-    if (m_checking) {
-        if (bneedconnect)
-            m_reconnectFor = m_chain;
-        return;
-    }
     DataCenter* data = DataCenter::getInstance();
     CLogoutInfor logout;
     data->GetLogoutInfor(logout);
@@ -153,41 +155,58 @@ void MsgClient::oncheckstatus(bool bneedconnect)
     if (loginInfo.cookies.isEmpty())
         return;
 
+    // The request waits in a nested event loop, where more failures can be reported. Each sends
+    // a request of its own: an older check still waiting (on the stack below this one) is
+    // abandoned, and its wish to reconnect passes to this one if its connection is still the
+    // current one. A status request that never answers thus holds back no reconnection.
+    StatusCheck check;
+    check.needConnect = bneedconnect;
+    check.connection = m_connection;
+    if (m_statusCheck) {
+        m_statusCheck->request.Abort();
+        check.needConnect |=
+            m_statusCheck->needConnect && m_statusCheck->connection == m_connection;
+    }
+    m_statusCheck = &check;
+
     // The device id is the body of a GET, so it never reaches the service; kept as it is.
     const QString body = QString("device_id=%1").arg(getMacAddress(true));
-    CRequestHttps request;
     QByteArray reply;
-    m_checking = true;
-    m_reconnectFor = bneedconnect ? std::optional<quint64>(m_chain) : std::nullopt;
-    const int ret =
-        request.SendRequest(m_ssoStatusUrl, kHttpGet, loginInfo.cookies, body.toUtf8(), reply);
-    m_checking = false;
-    // A reconnection is for the chain that asked for it last: none if the steps restarted since.
-    const bool reconnect = m_reconnectFor == m_chain;
-    m_reconnectFor.reset();
+    const int ret = check.request.SendRequest(m_ssoStatusUrl, kHttpGet, loginInfo.cookies,
+                                              body.toUtf8(), reply);
+    if (m_statusCheck == &check)
+        m_statusCheck = nullptr;
     logger()->Msg(kLogProgress, "check status result is %s", reply.constData());
 
+    // Abandoned for a newer check, which decides in its place.
+    if (ret == kRequestAbandoned) {
+        logger()->Msg(kLogError, "request or parse failed, request return:%d", ret);
+        return;
+    }
+    // The network-error timer is about the connection this check started on; a restart during
+    // the wait leaves it to the new connection's own failures.
+    const bool current = check.connection == m_connection;
     CLogoutInfor info;
     if (ret == 0 && ParseCheckStatusResponse(reply, info)) {
-        stopNetCheckTime();
+        if (current)
+            stopNetCheckTime();
         if (info.isLogout) {
             logger()->Msg(kLogProgress, "check status is login out");
             data->SetLogoutInfor(info);
             return;
         }
-        // One restart per failure episode: a confirmation while the restart waits for its
-        // back-off neither schedules another one nor lengthens the back-off.
-        if (reconnect && !reconnectPending()) {
+        if (check.needConnect) {
             logger()->Msg(kLogProgress, "check status is login, would reconnect server");
-            scheduleReconnect();
+            scheduleReconnect(current);
         }
         return;
     }
     logger()->Msg(kLogError, "request or parse failed, request return:%d", ret);
-    startNetCheckTime();
+    if (current)
+        startNetCheckTime();
 }
 
-void MsgClient::scheduleReconnect()
+void MsgClient::scheduleReconnect(bool current)
 {
     const int now = static_cast<int>(g_backoffClock());
     // Signed 32-bit difference, computed without overflow.
@@ -202,7 +221,11 @@ void MsgClient::scheduleReconnect()
     }
     g_lastTime = now;
     m_lastReconnectWaitMs = g_delay * m_times.backoffSecondMs;
-    m_reconnectTimer->start(m_lastReconnectWaitMs);
+    // One restart at a time, re-armed to the newest wait. A confirmation about a connection that
+    // a restart has replaced since asked for that restart: it re-arms one still waiting, but
+    // does not restart the connection made after it.
+    if (current || m_reconnectTimer->isActive())
+        m_reconnectTimer->start(m_lastReconnectWaitMs);
 }
 
 bool MsgClient::reconnectPending() const

@@ -28,7 +28,7 @@ void putLe32(QByteArray& array, int offset, quint32 value)
 
 quint32 readLe32(const QByteArray& array, int offset)
 {
-    return qFromLittleEndian<quint32>(array.constData() + offset);
+    return pushframe::readLe32(array.constData() + offset);
 }
 
 // Plaintext of both request bodies: a little-endian word followed by the UTF-8 text.
@@ -37,9 +37,9 @@ QByteArray plainBody(quint32 word, QString const& text)
     // The UTF-8 conversion leaves room in its buffer, so the word goes in front without a copy
     // into a second array.
     QByteArray plain = text.toUtf8();
-    char prefix[4];
+    char prefix[pushframe::kBodyWordSize];
     qToLittleEndian<quint32>(word, prefix);
-    plain.prepend(prefix, 4);
+    plain.prepend(prefix, pushframe::kBodyWordSize);
     return plain;
 }
 
@@ -57,12 +57,12 @@ int Msg_client::first_req_encode(unsigned int clientType, unsigned long sessionI
 {
     QByteArray head(kFirstReqHeadSize, '\0');
     putLe32(head, 0, MAGIC_FIRST_REQ);
-    qToLittleEndian<quint16>(1, head.data() + 4);
-    head[6] = static_cast<char>(clientType & 0xFF);
-    head[7] = 0;
-    qToLittleEndian<quint64>(sessionId, head.data() + 8);
-    putLe32(head, 16, userId);
-    putLe32(head, 20, sequence);
+    qToLittleEndian<quint16>(pushframe::kLoginVersionValue, head.data() + pushframe::kLoginVersion);
+    head[pushframe::kLoginClientType] = static_cast<char>(clientType & 0xFF);
+    head[pushframe::kLoginReserved] = 0;
+    qToLittleEndian<quint64>(sessionId, head.data() + pushframe::kLoginSessionId);
+    putLe32(head, pushframe::kLoginUserId, userId);
+    putLe32(head, pushframe::kLoginSequence, sequence);
 
     QByteArray body;
     unsigned char token[kTokenBufferSize] = {};
@@ -78,8 +78,8 @@ int Msg_client::first_req_encode(unsigned int clientType, unsigned long sessionI
         LogManager::getInstance()->Msg(kLogError, "token len [%d] err", tokenLength);
         return -1;
     }
-    std::memcpy(head.data() + 24, token, kTokenSize);
-    putLe32(head, 76, static_cast<quint32>(body.size()));
+    std::memcpy(head.data() + pushframe::kLoginToken, token, kTokenSize);
+    putLe32(head, pushframe::kLoginBodyLength, static_cast<quint32>(body.size()));
     out = head + body;
     return 0;
 }
@@ -89,7 +89,7 @@ int Msg_client::normal_req_encode(unsigned int sequence, unsigned int command, Q
 {
     QByteArray head(kMsgHeadSize, '\0');
     putLe32(head, 0, MAGIC_REQ);
-    putLe32(head, 4, sequence);
+    putLe32(head, pushframe::kReqSequence, sequence);
 
     QByteArray body;
     const int result =
@@ -98,14 +98,14 @@ int Msg_client::normal_req_encode(unsigned int sequence, unsigned int command, Q
         qDebug().nospace() << "ec627_encode fail with return code [" << result << "]";
         return -1;
     }
-    putLe32(head, 12, static_cast<quint32>(body.size()));
+    putLe32(head, pushframe::kReqBodyLength, static_cast<quint32>(body.size()));
     out = head + body;
     return 0;
 }
 
 int Msg_client::heartbeat_req(QByteArray& out)
 {
-    out = QByteArray(4, '\0');
+    out = QByteArray(pushframe::kMagicSize, '\0');
     putLe32(out, 0, MAGIC_HEART);
     return 0;
 }
@@ -115,15 +115,15 @@ bool Msg_client::parseHead(QByteArray const& headString, tagTRANSPORT_PKG_HEAD_R
     if (headString.size() != kMsgHeadSize)
         return false;
     head.magic_quote = readLe32(headString, 0);
-    head.seq = readLe32(headString, 4);
-    head.compressed = static_cast<quint8>(headString.at(8));
-    head.length = readLe32(headString, 12);
+    head.seq = readLe32(headString, pushframe::kHeadSeq);
+    head.compressed = static_cast<quint8>(headString.at(pushframe::kHeadCompressed));
+    head.length = readLe32(headString, pushframe::kHeadLength);
     return true;
 }
 
 int Msg_client::decode(QByteArray const& headString, QByteArray const& response, QByteArray& out)
 {
-    if (headString.size() == 4) {
+    if (headString.size() == pushframe::kMagicSize) {
         const quint32 magic = readLe32(headString, 0);
         if (magic == MAGIC_NOTICE && response.size() == kNoticeBodySize) {
             const quint32 noticeId = readLe32(response, 0);
@@ -140,13 +140,13 @@ int Msg_client::decode(QByteArray const& headString, QByteArray const& response,
     tagTRANSPORT_PKG_HEAD_RSP head;
     if (!parseHead(headString, head)) {
         LogManager::getInstance()->Msg(
-            4, "length of headstring [%d] not confirmed to sizeof(MSG_HEAD) [%d]",
+            kLogError, "length of headstring [%d] not confirmed to sizeof(MSG_HEAD) [%d]",
             headString.size(), kMsgHeadSize);
         return -1;
     }
     if (head.magic_quote != MAGIC_RSP && head.magic_quote != MAGIC_PSH) {
         LogManager::getInstance()->Msg(
-            4, "head.magic_quote [%u] err, MAGIC_RSP [%d] MAGIC_PSH [%d]", head.magic_quote,
+            kLogError, "head.magic_quote [%u] err, MAGIC_RSP [%d] MAGIC_PSH [%d]", head.magic_quote,
             static_cast<int>(MAGIC_RSP), static_cast<int>(MAGIC_PSH));
         return -1;
     }

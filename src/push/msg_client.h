@@ -3,6 +3,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QtEndian>
 
 // Magics of the push wire protocol: 32-bit little-endian words whose bytes read as ASCII.
 constexpr unsigned int MAGIC_HEART = 0x534F4F47;     // "GOOS" both ways: heartbeat
@@ -21,6 +22,37 @@ struct tagTRANSPORT_PKG_HEAD_RSP
     quint32 length = 0;
 };
 using MSG_HEAD = tagTRANSPORT_PKG_HEAD_RSP;
+
+// Layout of the push frames: sizes and byte offsets. All integers are little-endian.
+namespace pushframe {
+constexpr int kMagicSize = 4; // every frame starts with its magic; a heartbeat is only that
+// Response head (16 bytes): magic, seq, compressed flag, 3 reserved bytes, body length.
+constexpr int kHeadSeq = 4;
+constexpr int kHeadCompressed = 8;
+constexpr int kHeadLength = 12;
+// Normal request head (16 bytes): magic, sequence, reserved word, body length.
+constexpr int kReqSequence = 4;
+constexpr int kReqBodyLength = 12;
+// Login head (80 bytes): magic, version, client type, reserved byte, session id, user id,
+// sequence, token, reserved word, body length.
+constexpr int kLoginVersion = 4;
+constexpr int kLoginClientType = 6;
+constexpr int kLoginReserved = 7;
+constexpr int kLoginSessionId = 8;
+constexpr int kLoginUserId = 16;
+constexpr int kLoginSequence = 20;
+constexpr int kLoginToken = 24;
+constexpr int kLoginBodyLength = 76;
+constexpr quint16 kLoginVersionValue = 1;
+// Plaintext of a request body: a little-endian word, then the UTF-8 text.
+constexpr int kBodyWordSize = 4;
+
+// The one little-endian read of the push layer: 32 bits at `bytes`.
+inline quint32 readLe32(const char* bytes)
+{
+    return qFromLittleEndian<quint32>(bytes);
+}
+} // namespace pushframe
 
 // Stateless encoders and decoder of push frames. Payloads are sealed and opened through
 // StringEncrypt (which serialises calls into the cipher library); compressed answers are LZ4

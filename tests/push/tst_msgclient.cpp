@@ -5,9 +5,11 @@
 #include "core/data.h"
 #include "core/datacenter.h"
 #include "logcapture.h"
+#include "push/clienttcpsocket.h"
 #include "pushservices.h"
 
 #include <QDateTime>
+#include <QElapsedTimer>
 #include <QTcpServer>
 #include <QtTest>
 #include <memory>
@@ -17,6 +19,15 @@ const QByteArray kRecordCookie = "USERSESSIONID=u;PHPSESSID=p;";
 const QByteArray kQueryText = R"({"id":"0", "type":627, "max":"100"})";
 constexpr qint64 kSessionEpochMs = 1514736000000LL;
 constexpr int kIdleStepMs = 3600 * 1000; // a process that never gets past its first step
+constexpr int kBackoffUnitMs = 500;      // one back-off second where a test plays the waits
+constexpr int kIntervalMs = 1500;        // a scaled interval measured from both sides
+
+// An interval that fired neither early (timers may fire a few per cent early) nor late by more
+// than a loaded, sanitized machine needs: half the interval, and at least a second.
+bool within(qint64 elapsedMs, int intervalMs)
+{
+    return elapsedMs >= intervalMs * 9 / 10 && elapsedMs <= intervalMs + qMax(intervalMs / 2, 1000);
+}
 
 qint64 g_now = 1700000000; // the back-off's clock
 
@@ -445,72 +456,98 @@ private slots:
         }
     }
 
-    // Confirmations one after another follow the back-off; one more while the restart waits
-    // for it neither schedules a second restart nor lengthens the wait.
+    // Confirmations 1 s apart follow the back-off (1, 2, 4, 8, 10 s), each logged and re-arming
+    // the one restart to the newest wait: one reconnection, after the last wait and not before.
+    // After a quiet spell of 6 s the wait is 1 s again.
     void statusBackoffSequence()
     {
-        MsgClientTimes times = fastTimes(kIdleStepMs);
-        times.backoffSecondMs = kIdleStepMs; // the restarts are played below
-        std::unique_ptr<MsgClient> client = m_s->client(times);
-        // Seconds since the previous check -> expected wait in back-off seconds.
-        const QList<QPair<int, int>> steps = {{0, 1},  {1, 2},  {1, 4}, {1, 8},
-                                              {1, 10}, {5, 10}, {6, 1}, {3, 2}};
-        int scheduled = m_log.count("would reconnect server");
-        for (const auto& step : steps) {
-            g_now += step.first;
+        MsgClientTimes times = fastTimes();
+        times.backoffSecondMs = kBackoffUnitMs;
+        std::unique_ptr<MsgClient> client = m_s->running(times);
+        const int scheduled = m_log.count("would reconnect server");
+        QElapsedTimer sinceLast;
+        for (int wait : {1, 2, 4, 8, 10}) {
+            g_now += 1;
             client->oncheckstatus(true);
-            QCOMPARE(client->lastReconnectWaitMs(), step.second * kIdleStepMs);
-            QCOMPARE(m_log.count("would reconnect server"), ++scheduled);
-            client->oncheckstatus(true);
+            sinceLast.start();
+            QCOMPARE(client->lastReconnectWaitMs(), wait * kBackoffUnitMs);
             QVERIFY(client->reconnectPending());
-            QCOMPARE(client->lastReconnectWaitMs(), step.second * kIdleStepMs);
-            QCOMPARE(m_log.count("would reconnect server"), scheduled);
-            client->onsocketerror(); // what the back-off timer calls
-            QVERIFY(!client->reconnectPending());
         }
-        QCOMPARE(client->process(), 0);
+        QCOMPARE(m_log.count("would reconnect server"), scheduled + 5);
+        QCOMPARE(m_s->push.acceptedCount(), 1);
+        QTRY_COMPARE_WITH_TIMEOUT(m_s->push.acceptedCount(), 2, 30000);
+        QVERIFY2(within(sinceLast.elapsed(), 10 * kBackoffUnitMs), "the restart came off time");
+        QTRY_COMPARE_WITH_TIMEOUT(client->process(), 4, 10000);
+        QCOMPARE(m_log.count("  socket error\n"), 1);
+        g_now += 6;
+        client->oncheckstatus(true);
+        QCOMPARE(client->lastReconnectWaitMs(), kBackoffUnitMs);
     }
 
-    // What comes in while a status check waits for its (slow) answer joins that check: one
-    // request, and a reconnection if any request asked for one since the last restart.
+    // Every failure sends a status request of its own: a check still waiting is abandoned (its
+    // lines still logged) and hands on its wish to reconnect, unless the steps restarted since.
     void overlappingChecks_data()
     {
         // The first check: "check", "connect" (asking for a reconnection), or a query answer whose
         // item asks for a check while the answer's handler waits.
         QTest::addColumn<QString>("outer");
         QTest::addColumn<QStringList>("during"); // played while it waits
+        QTest::addColumn<int>("status");         // of the status answers
+        QTest::addColumn<int>("requests");
         QTest::addColumn<bool>("reconnect");
-        QTest::addColumn<int>("step"); // the process step afterwards
+        QTest::addColumn<int>("step");      // the process step afterwards
+        QTest::addColumn<bool>("netTimer"); // the network-error timer runs afterwards
         const QString answer149 = R"({"code":0,"data":{"list":[{"t":599999,"data":{"t":149}}]}})";
-        QTest::newRow("check joins") << "check" << QStringList{"check"} << false << 0;
-        QTest::newRow("reconnecting check joins") << "check" << QStringList{"connect"} << true << 0;
-        QTest::newRow("plain check keeps reconnection")
-            << "connect" << QStringList{"check"} << true << 0;
-        QTest::newRow("heartbeat fails") << "check" << QStringList{"heartbeat"} << true << 0;
-        QTest::newRow("net-error timer") << "check" << QStringList{"net error"} << true << 0;
-        QTest::newRow("restart meanwhile") << "connect" << QStringList{"restart"} << false << 0;
+        const QStringList none;
+        const int login = kStepLogin;
+        QTest::newRow("plain check") << "check" << none << 200 << 1 << false << 0 << false;
+        QTest::newRow("newer check")
+            << "check" << QStringList{"check"} << 200 << 2 << false << 0 << false;
+        QTest::newRow("newer reconnecting check")
+            << "check" << QStringList{"connect"} << 200 << 2 << true << 0 << false;
+        QTest::newRow("reconnection handed on")
+            << "connect" << QStringList{"check"} << 200 << 2 << true << 0 << false;
+        QTest::newRow("heartbeat fails")
+            << "check" << QStringList{"heartbeat"} << 200 << 2 << true << 0 << false;
+        QTest::newRow("net-error timer")
+            << "check" << QStringList{"net error"} << 200 << 2 << true << 0 << false;
+        QTest::newRow("restart meanwhile")
+            << "connect" << QStringList{"restart"} << 200 << 1 << false << 0 << false;
         QTest::newRow("restart, then a failure")
-            << "connect" << QStringList{"restart", "connect"} << true << 0;
-        QTest::newRow("answer moves on") << answer149 << QStringList{} << false << int(kStepLogin);
+            << "connect" << QStringList{"restart", "connect"} << 200 << 2 << true << 0 << false;
+        QTest::newRow("failed check") << "connect" << none << 500 << 1 << false << 0 << true;
+        QTest::newRow("failed check, restart meanwhile")
+            << "connect" << QStringList{"restart"} << 500 << 1 << false << 0 << false;
+        QTest::newRow("answer moves on")
+            << answer149 << none << 200 << 1 << false << login << false;
         QTest::newRow("answer, restart meanwhile")
-            << answer149 << QStringList{"restart"} << false << int(kStepConnect);
+            << answer149 << QStringList{"restart"} << 200 << 1 << false << 0 << false;
     }
     void overlappingChecks()
     {
         QFETCH(QString, outer);
         QFETCH(QStringList, during);
+        QFETCH(int, status);
+        QFETCH(int, requests);
         QFETCH(bool, reconnect);
         QFETCH(int, step);
+        QFETCH(bool, netTimer);
+        m_s->sso = HttpStubResponse::json(kSsoValid, status);
         m_s->sso.delayMs = 300;
         MsgClientTimes times = fastTimes(kIdleStepMs);
         times.backoffSecondMs = kIdleStepMs;
+        times.netErrorMs = kIdleStepMs;
         std::unique_ptr<MsgClient> client = m_s->client(times);
+        int abandoned = 0;
         QTimer::singleShot(0, client.get(), [&] {
             QVERIFY(client->checking());
             for (const QString& action : during) {
-                if (action == "restart")
+                if (action == "restart") {
                     client->onsocketerror();
-                else if (action == "heartbeat") // no socket: the heartbeat cannot be sent
+                    continue;
+                }
+                ++abandoned;
+                if (action == "heartbeat") // no socket: the heartbeat cannot be sent
                     client->onSendHeartTimer();
                 else if (action == "net error")
                     client->onNetError();
@@ -519,13 +556,211 @@ private slots:
             }
         });
         if (outer.startsWith('{')) // moves on only if the steps did not restart meanwhile
-            QCOMPARE(client->HandleMaxIdMessage(kFrameResponse, outer.toUtf8()), during.isEmpty());
+            QVERIFY(client->HandleMaxIdMessage(kFrameResponse, outer.toUtf8()));
         else
             client->oncheckstatus(outer == "connect");
-        QCOMPARE(m_s->requestsTo(kSso), 1);
+        QCOMPARE(m_s->requestsTo(kSso), requests);
+        QCOMPARE(m_log.count("check status result is"), requests);
+        QCOMPARE(m_log.count("request or parse failed, request return:1\n"), abandoned);
         QCOMPARE(client->reconnectPending(), reconnect);
+        // A confirmation asked to reconnect is logged even when a restart has served it since.
+        const bool confirmed =
+            status == 200 && (outer == "connect" || during.contains("connect") ||
+                              during.contains("heartbeat") || during.contains("net error"));
+        QCOMPARE(m_log.count("would reconnect server"), int(confirmed));
         QCOMPARE(client->checking(), false);
         QCOMPARE(client->process(), step);
+        QCOMPARE(client->netCheckPending(), netTimer);
+    }
+
+    // A status request that never answers holds nothing back: the next failure's own check
+    // reconnects within its back-off and the paced steps.
+    void heldStatusRequest()
+    {
+        int served = 0;
+        m_s->http.route(kSso, [&](const HttpStubRequest&) {
+            HttpStubResponse answer = HttpStubResponse::json(kSsoValid);
+            answer.delayMs = served++ == 0 ? 90000 : 0;
+            return answer;
+        });
+        std::unique_ptr<MsgClient> client = m_s->running();
+        QTimer::singleShot(0, client.get(), [&] { QCOMPARE(m_s->push.dropConnections(), 1); });
+        QElapsedTimer held;
+        held.start();
+        client->oncheckstatus(false); // held for 90 s unless abandoned
+        QVERIFY2(held.elapsed() < 60000, qPrintable(m_log.since()));
+        QTRY_COMPARE_WITH_TIMEOUT(m_s->frames(&PushFrame::isQuery).size(), 2, 30000);
+        QCOMPARE(m_s->push.acceptedCount(), 2);
+        QCOMPARE(served, 2);
+    }
+
+    // A write that waits while its failure's status check lets a pending restart through: the
+    // old call leaves the new connection's numbers alone, so its next notice gets a query.
+    void staleContinuation_data()
+    {
+        QTest::addColumn<QString>("writer"); // whose write waits: the query or the login
+        QTest::newRow("query") << "query";
+        QTest::newRow("login") << "login";
+    }
+    void staleContinuation()
+    {
+        QFETCH(QString, writer);
+        QList<int> delays{0, 1500}; // the failure's check, then the slow one
+        m_s->http.route(kSso, [&](const HttpStubRequest&) {
+            HttpStubResponse answer = HttpStubResponse::json(kSsoValid);
+            answer.delayMs = delays.isEmpty() ? 0 : delays.takeFirst();
+            return answer;
+        });
+        MsgClientTimes times = fastTimes(200);
+        std::unique_ptr<MsgClient> client;
+        bool hooked = false, returned = false;
+        // The client's socket, taken and put back, gets a hook on its first write: the failure
+        // that a disconnection inside the write would report, then a slow check.
+        const auto hook = [&] {
+            ClientTcpSocket* socket = client->setSocket(nullptr);
+            client->setSocket(socket);
+            QObject::connect(socket, &QIODevice::bytesWritten, client.get(), [&] {
+                if (hooked)
+                    return;
+                hooked = true;
+                client->oncheckstatus(true);
+                client->oncheckstatus(false);
+                returned = true;
+            });
+        };
+        if (writer == "login") {
+            client = m_s->client(times);
+            QObject::connect(&m_s->push, &PushStub::clientConnected, client.get(),
+                             [&](int connection) {
+                                 if (connection == 1)
+                                     hook();
+                             });
+        } else {
+            client = m_s->running(times);
+            hook();
+            QCOMPARE(m_s->push.sendNotice(1), 1);
+        }
+        QTRY_VERIFY_WITH_TIMEOUT(returned, 20000);
+        QCOMPARE(m_s->push.acceptedCount(), 2);
+        QTRY_COMPARE_WITH_TIMEOUT(client->process(), 4, 10000);
+        const auto queriesOn2 = [&] {
+            int count = 0;
+            for (const PushFrame& frame : m_s->frames(&PushFrame::isQuery))
+                count += frame.connection == 2 ? 1 : 0;
+            return count;
+        };
+        QCOMPARE(queriesOn2(), 1);
+        QCOMPARE(client->sequence(), 2u);
+        QCOMPARE(m_s->push.sendNotice(2), 1);
+        QTRY_COMPARE(queriesOn2(), 2);
+        QTRY_COMPARE(m_s->requestsTo(kSso), 3); // the answer in the running step asks for one
+    }
+
+    // Frames that arrive in one segment are all read at once. A notice before the query has
+    // gone out is not its answer; one after the answer is read in the next step and dropped.
+    void framesInOneSegment_data()
+    {
+        QTest::addColumn<bool>("afterLogin"); // with the login answer, else with the query answer
+        QTest::newRow("login answer and a notice") << true;
+        QTest::newRow("query answer and a notice") << false;
+    }
+    void framesInOneSegment()
+    {
+        QFETCH(bool, afterLogin);
+        const QByteArray avatar = R"({"code":0,"data":{"list":[
+            {"t":599999,"data":{"t":138,"face_l":"img/segment.png"}}]}})";
+        m_s->push.setAnswerLogin(!afterLogin);
+        m_s->push.setAnswerRequests(afterLogin);
+        if (afterLogin)
+            m_s->push.enqueueAnswer(avatar);
+        std::unique_ptr<MsgClient> client = m_s->client(fastTimes(200));
+        const auto sent = afterLogin ? &PushFrame::isLogin : &PushFrame::isQuery;
+        QTRY_COMPARE_WITH_TIMEOUT(m_s->frames(sent).size(), 1, 10000);
+        const QByteArray answer =
+            pushwire::responseFrame(afterLogin ? 0 : 1, afterLogin ? "{}" : avatar, false);
+        QCOMPARE(m_s->push.sendRaw(answer + pushwire::noticeFrame(5)), 1);
+        QTRY_VERIFY(
+            m_log.contains(R"(client read from server message is {"data":{"notice_id":"5")"));
+        QTRY_COMPARE_WITH_TIMEOUT(client->process(), 4, 10000);
+        QCOMPARE(DataCenter::getInstance()->GetUserFace(), QString("img/segment.png"));
+        QCOMPARE(m_s->frames(&PushFrame::isQuery).size(), 1);
+        QCOMPARE(m_s->requestsTo(kSso), 0);
+    }
+
+    // Each interval of the connection, scaled, is kept from both sides: not early, and not
+    // late by more than a margin a loaded machine needs.
+    void intervals_data()
+    {
+        QTest::addColumn<QString>("from"); // the event that starts the interval
+        QTest::addColumn<QString>("to");   // the event that ends it
+        QTest::addColumn<QString>("interval");
+        QTest::newRow("step pacing") << "login"
+                                     << "query"
+                                     << "stepMs";
+        QTest::newRow("heartbeat period") << "heartbeat"
+                                          << "heartbeat"
+                                          << "heartbeatMs";
+        QTest::newRow("heartbeat watchdog") << "heartbeat"
+                                            << "status"
+                                            << "heartbeatAnswerMs";
+        QTest::newRow("answer watchdog") << "login"
+                                         << "status"
+                                         << "answerMs";
+        QTest::newRow("network-error timer") << "status"
+                                             << "status"
+                                             << "netErrorMs";
+    }
+    void intervals()
+    {
+        QFETCH(QString, from);
+        QFETCH(QString, to);
+        QFETCH(QString, interval);
+        MsgClientTimes times = fastTimes(kIdleStepMs);
+        int* field = interval == "stepMs"              ? &times.stepMs
+                     : interval == "heartbeatMs"       ? &times.heartbeatMs
+                     : interval == "heartbeatAnswerMs" ? &times.heartbeatAnswerMs
+                     : interval == "answerMs"          ? &times.answerMs
+                                                       : &times.netErrorMs;
+        times.stepMs = 20;
+        times.heartbeatMs = kIdleStepMs;
+        times.heartbeatAnswerMs = kIdleStepMs;
+        times.answerMs = kIdleStepMs;
+        times.netErrorMs = kIdleStepMs;
+        *field = kIntervalMs;
+        if (interval == "heartbeatAnswerMs")
+            times.heartbeatMs = 2 * kIntervalMs;
+        m_s->push.setEchoHeartbeat(false);
+        m_s->push.setAnswerLogin(interval != "answerMs");
+        if (interval == "netErrorMs")
+            m_s->sso = HttpStubResponse::json("down", 503);
+        QElapsedTimer clock;
+        clock.start();
+        QMultiMap<QString, qint64> seen;
+        QObject::connect(&m_s->push, &PushStub::frameReceived, &m_s->push,
+                         [&](const PushFrame& frame) {
+                             seen.insert(frame.isLogin()       ? "login"
+                                         : frame.isQuery()     ? "query"
+                                         : frame.isHeartbeat() ? "heartbeat"
+                                                               : "other",
+                                         clock.elapsed());
+                         });
+        QObject::connect(&m_s->http, &HttpStub::requestSeen, &m_s->http,
+                         [&](const HttpStubRequest& request) {
+                             if (request.path == kSso)
+                                 seen.insert("status", clock.elapsed());
+                         });
+        std::unique_ptr<MsgClient> client = m_s->client(times);
+        if (interval == "netErrorMs") {
+            QTRY_COMPARE_WITH_TIMEOUT(client->process(), 4, 10000);
+            client->oncheckstatus(false);
+        }
+        const int needed = from == to ? 2 : 1;
+        QTRY_VERIFY_WITH_TIMEOUT(seen.count(to) >= needed && seen.contains(from), 30000);
+        const QList<qint64> starts = seen.values(from), ends = seen.values(to);
+        // values() lists the latest first.
+        const qint64 start = from == to ? ends.at(ends.size() - 1) : starts.last();
+        const qint64 end = ends.at(ends.size() - needed);
+        QVERIFY2(within(end - start, kIntervalMs), qPrintable(QString::number(end - start)));
     }
 };
 
