@@ -41,6 +41,9 @@ MsgClient::MsgClient(QObject* parent, const MsgClientTimes& times)
     m_checkTimer = new QTimer(this);
     m_checkTimer->setSingleShot(true);
     connect(m_checkTimer, SIGNAL(timeout()), this, SLOT(onCheckTimer()));
+    m_frameTimer = new QTimer(this);
+    m_frameTimer->setSingleShot(true);
+    connect(m_frameTimer, SIGNAL(timeout()), this, SLOT(onFrameTimer()));
     m_netCheckTimer = new QTimer(this);
     m_netCheckTimer->setInterval(m_times.netErrorMs);
     connect(m_netCheckTimer, SIGNAL(timeout()), this, SLOT(onNetError()));
@@ -222,6 +225,7 @@ void MsgClient::onsocketerror()
     // watchdog is stopped and its pending step is replaced below. Step 0 closes that socket.
     detachSocket();
     m_reconnectTimer->stop();
+    m_frameTimer->stop();
     stopCheckTime();
     ++m_connection;
     m_process = kStepConnect;
@@ -260,6 +264,7 @@ void MsgClient::CloseSocket()
     if (!m_socket)
         return;
     detachSocket();
+    m_frameTimer->stop();
     m_socket->stopTime();
     if (m_socket->isOpen()) {
         m_socket->disconnectFromHost();

@@ -27,6 +27,11 @@ constexpr int kHeartbeatAnswerS = 50;    // watchdog started after each heartbea
 constexpr int kAnswerWaitS = 600;        // watchdog started after the login and the query
 constexpr int kNetErrorPeriodMs = 10000; // repeat of the status check while it fails
 constexpr int kSocketWaitMs = 30000;     // blocking connect, write and disconnect waits
+// A frame whose first bytes have come is read once it is whole; one still short this long after
+// its first bytes is read as it is, and fails as a frame cut short.
+constexpr int kFrameCompleteMs = 10000;
+// A frame announcing a longer body is not waited for: it fails at once, as a corrupt head.
+constexpr qint64 kMaxFrameBody = 16 * 1024 * 1024;
 constexpr int kMsPerSecond = 1000;
 
 // Intervals of the push connection in milliseconds. The defaults are the daemon's values; tests
@@ -39,6 +44,7 @@ struct MsgClientTimes
     int answerMs = kAnswerWaitS * kMsPerSecond;
     int netErrorMs = kNetErrorPeriodMs;
     int socketWaitMs = kSocketWaitMs;
+    int frameCompleteMs = kFrameCompleteMs;
     int backoffSecondMs = kMsPerSecond; // length of one second of the reconnection back-off
 };
 
@@ -198,6 +204,7 @@ public slots:
     void onSendHeartTimer();
     void onCheckTimer();
     void onNetError();
+    void onFrameTimer();
     void onhandleMsg(const QByteArray& message);
     void oncheckstatus(bool bneedconnect);
     void oncheckUserInfor();
@@ -210,6 +217,8 @@ private:
     int readHead(tagTRANSPORT_PKG_HEAD_RSP& head, QByteArray& headString);
     // Reads and handles one frame; false when the reading failed (reported as a check).
     bool readOneFrame();
+    // The bytes the socket holds make a whole frame (or one that fails however long it waits).
+    bool frameComplete() const;
     // Computes the next wait of the process-wide back-off and arms the restart with it, when the
     // confirmation is about the current connection or a restart is already waiting.
     void scheduleReconnect(bool current);
@@ -231,6 +240,7 @@ private:
     // Children of this object, made on its thread, started and stopped for its whole life.
     QTimer* m_checkTimer = nullptr;    // the answer watchdog, single-shot
     QTimer* m_netCheckTimer = nullptr; // repeats the status check while it fails
+    QTimer* m_frameTimer = nullptr;    // bounds the wait for the rest of a frame, single-shot
     int m_process = kStepConnect;
 
     MsgClientTimes m_times;

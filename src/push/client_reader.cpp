@@ -4,6 +4,7 @@
 #include "client_p.h"
 #include "clienttcpsocket.h"
 
+#include <QTimer>
 #include <QtEndian>
 #include <cerrno>
 #include <cstring>
@@ -156,15 +157,48 @@ void MsgClient::onReadyRead()
 {
     Infor tracer(kLogTrace, scopeName("onReadyRead"));
     const SocketSignalScope inSignal(this);
-    // Every frame the socket holds is read now: Qt signals again only for bytes that arrive
-    // later, and a frame that came in the same segment as the one before must not wait for them.
-    // Handling a frame may wait in a nested event loop that replaces the connection; the bytes
-    // of a replaced connection are not read.
+    // Every whole frame the socket holds is read now: Qt signals again only for bytes that
+    // arrive later, and a frame that came in the same segment as the one before must not wait
+    // for them. A frame still arriving (on a real link an answer of a few kB spans segments) is
+    // read when its last bytes come, or as it is once the wait for them runs out. Handling a
+    // frame may wait in a nested event loop that replaces the connection; the bytes of a
+    // replaced connection are not read.
     const quint64 connection = m_connection;
     while (connection == m_connection && m_socket && m_socket->bytesAvailable() > 0) {
+        if (!frameComplete()) {
+            if (!m_frameTimer->isActive())
+                m_frameTimer->start(m_times.frameCompleteMs);
+            return;
+        }
+        m_frameTimer->stop();
         if (!readOneFrame())
             return;
     }
+}
+
+void MsgClient::onFrameTimer()
+{
+    const SocketSignalScope inSignal(this);
+    // The rest of the frame did not come: it is read as it is and fails as a cut frame would.
+    if (m_socket && m_socket->bytesAvailable() > 0)
+        readOneFrame();
+}
+
+bool MsgClient::frameComplete() const
+{
+    const qint64 available = m_socket->bytesAvailable();
+    if (available < kMagicSize)
+        return false;
+    const QByteArray head = m_socket->peek(Msg_client::kMsgHeadSize);
+    const quint32 magic = pushframe::readLe32(head.constData());
+    if (magic == MAGIC_NOTICE)
+        return available >= kMagicSize + Msg_client::kNoticeBodySize;
+    if (magic != MAGIC_RSP) // a heartbeat, or a magic that fails as it is
+        return true;
+    if (head.size() < Msg_client::kMsgHeadSize)
+        return false;
+    const qint64 length = pushframe::readLe32(head.constData() + pushframe::kHeadLength);
+    return length > kMaxFrameBody || available >= Msg_client::kMsgHeadSize + length;
 }
 
 bool MsgClient::readOneFrame()

@@ -131,9 +131,10 @@ void tst_Faults::faults_data()
     row("push: drop in step 3 (query answered)", "", {"push once=answered", "drop"},
         {"answer seq=1", dropped, check}, {}, Reconnect);
     row("push: drop in step 4 (running)", "", {"drop"}, {dropped, check}, {}, Reconnect);
-    row("push: frame split over 3 writes", "", {"raw hex=" + kNotice + " split=3"}, {check}, {},
-        Reconnect);
-    // The second notice is read with the answer to the first one's query: answers are missing.
+    // A frame that spans writes is read once whole: the notice asks for the latest messages.
+    row("push: frame split over 3 writes", "", {"raw hex=" + kNotice + " split=3"},
+        {"IOOS request#1"}, {}, KeepOn);
+    // Both notices are read at once; the second finds the first one's query unanswered.
     row("push: two frames in one write", "", {"raw hex=" + kNotice + kNotice},
         {"IOOS request#1", check, "log:check status result"}, {"drop"}, Reconnect);
     row("push: unknown magic", "", {"raw hex=5858585801000000"}, {check}, {}, Reconnect);
@@ -230,7 +231,8 @@ void tst_Faults::faults_data()
 
 // Running on a live connection made after `connections`, and settled: the running step logged
 // since the last connection was made, no disconnect since (the step timer goes on for a while on
-// a dropped connection), no reconnection waiting for its back-off and no status check under way.
+// a dropped connection), no reconnection waiting for its back-off (every confirmation re-arms the
+// one restart, so the last one is followed by it) and no status check under way.
 // Gives up at once when a connection broke the order of the steps.
 bool tst_Faults::running(int connections)
 {
@@ -243,7 +245,8 @@ bool tst_Faults::running(int connections)
                           (sandbox.count("client connected") > connections && connected >= 0 &&
                            last > connected && log.mid(last).startsWith(kRunning) &&
                            log.indexOf("server disconnect to socket", connected) < 0 &&
-                           log.count("would reconnect server") == log.count("  socket error\n") &&
+                           log.lastIndexOf("would reconnect server") <
+                               log.lastIndexOf("  socket error\n") &&
                            sandbox.count(kStatusCheck) <= log.count("check status result is"));
                },
                90000) &&

@@ -656,31 +656,45 @@ private slots:
         QTRY_COMPARE(m_s->requestsTo(kSso), 3); // the answer in the running step asks for one
     }
 
-    // Frames that arrive in one segment are all read at once. A notice before the query has
-    // gone out is not its answer; one after the answer is read in the next step and dropped.
-    void framesInOneSegment_data()
+    // Frames that arrive in one segment are all read at once; one that spans segments is read
+    // when whole. A notice before the query has gone out is not its answer; one after the
+    // answer is read in the next step and dropped.
+    void segments_data()
     {
         QTest::addColumn<bool>("afterLogin"); // with the login answer, else with the query answer
-        QTest::newRow("login answer and a notice") << true;
-        QTest::newRow("query answer and a notice") << false;
+        QTest::addColumn<bool>("notice");     // a notice follows in the same write
+        QTest::addColumn<int>("pieces");      // writes the bytes are sent in
+        QTest::newRow("login answer and a notice") << true << true << 1;
+        QTest::newRow("query answer and a notice") << false << true << 1;
+        QTest::newRow("query answer in 3 writes") << false << false << 3;
     }
-    void framesInOneSegment()
+    void segments()
     {
         QFETCH(bool, afterLogin);
+        QFETCH(bool, notice);
+        QFETCH(int, pieces);
         const QByteArray avatar = R"({"code":0,"data":{"list":[
             {"t":599999,"data":{"t":138,"face_l":"img/segment.png"}}]}})";
         m_s->push.setAnswerLogin(!afterLogin);
         m_s->push.setAnswerRequests(afterLogin);
         if (afterLogin)
             m_s->push.enqueueAnswer(avatar);
-        std::unique_ptr<MsgClient> client = m_s->client(fastTimes(200));
+        MsgClientTimes times = fastTimes(200);
+        times.frameCompleteMs = 10000; // the pieces come well within it
+        std::unique_ptr<MsgClient> client = m_s->client(times);
         const auto sent = afterLogin ? &PushFrame::isLogin : &PushFrame::isQuery;
         QTRY_COMPARE_WITH_TIMEOUT(m_s->frames(sent).size(), 1, 10000);
-        const QByteArray answer =
+        QByteArray bytes =
             pushwire::responseFrame(afterLogin ? 0 : 1, afterLogin ? "{}" : avatar, false);
-        QCOMPARE(m_s->push.sendRaw(answer + pushwire::noticeFrame(5)), 1);
-        QTRY_VERIFY(
-            m_log.contains(R"(client read from server message is {"data":{"notice_id":"5")"));
+        bytes += notice ? pushwire::noticeFrame(5) : QByteArray();
+        const int size = bytes.size() / pieces + 1;
+        for (int piece = 0; piece < pieces; ++piece) {
+            QTimer::singleShot(
+                50 * piece, &m_s->push,
+                [this, part = bytes.mid(piece * size, size)] { m_s->push.sendRaw(part); });
+        }
+        if (notice)
+            QTRY_VERIFY(m_log.contains(R"(message is {"data":{"notice_id":"5")"));
         QTRY_COMPARE_WITH_TIMEOUT(client->process(), 4, 10000);
         QCOMPARE(DataCenter::getInstance()->GetUserFace(), QString("img/segment.png"));
         QCOMPARE(m_s->frames(&PushFrame::isQuery).size(), 1);

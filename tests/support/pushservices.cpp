@@ -9,6 +9,7 @@ MsgClientTimes fastTimes(int stepMs)
     times.stepMs = stepMs;
     times.netErrorMs = 100;
     times.socketWaitMs = 5000;
+    times.frameCompleteMs = 300;
     times.backoffSecondMs = 10;
     return times;
 }
