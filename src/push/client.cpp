@@ -19,6 +19,14 @@ using msgclient_detail::logger;
 namespace {
 // Milliseconds of 2018-01-01 00:00:00 (UTC+8) since the epoch: the base of session ids.
 constexpr qint64 kSessionEpochMs = 1514736000000LL;
+// Layout of a session id: milliseconds in the top bits, then the device part, then a random part
+// scaled to 12 bits. The device part is the last digits of the hardware address read in base 2.
+constexpr int kSessionTimeShift = 22;
+constexpr int kSessionDeviceShift = 12;
+constexpr quint64 kSessionRandomScale = 4095;
+constexpr int kSessionRandomShift = 32;
+constexpr int kDeviceAddressBase = 2;
+constexpr int kDeviceDigits = 10;
 } // namespace
 
 MsgClient::MsgClient(QObject* parent, const MsgClientTimes& times)
@@ -252,11 +260,12 @@ quint64 MsgClient::GetSessionId()
 {
     const quint64 t = static_cast<quint64>(QDateTime::currentMSecsSinceEpoch() - kSessionEpochMs);
     // The address is read in base 2 on purpose: a hexadecimal address almost always gives 0.
-    const quint64 macNumber = getMacAddress(true).toULongLong(nullptr, 2);
-    const quint32 m = QString::number(macNumber).right(10).toUInt();
+    const quint64 macNumber = getMacAddress(true).toULongLong(nullptr, kDeviceAddressBase);
+    const quint32 m = QString::number(macNumber).right(kDeviceDigits).toUInt();
     const quint32 r = QRandomGenerator::global()->generate();
-    return (t << 22) | ((static_cast<quint64>(r) * 4095) >> 32) |
-           static_cast<quint64>(static_cast<quint32>(m << 12));
+    return (t << kSessionTimeShift) |
+           ((static_cast<quint64>(r) * kSessionRandomScale) >> kSessionRandomShift) |
+           static_cast<quint64>(static_cast<quint32>(m << kSessionDeviceShift));
 }
 
 void MsgClient::CloseSocket()

@@ -37,9 +37,10 @@ inline qint64 truncateToInt64(double value)
 {
     if (std::isnan(value))
         return 0;
-    if (value >= 9223372036854775808.0)
+    constexpr double kRange = 9223372036854775808.0; // 2^63
+    if (value >= kRange)
         return std::numeric_limits<qint64>::max();
-    if (value < -9223372036854775808.0)
+    if (value < -kRange)
         return std::numeric_limits<qint64>::min();
     return static_cast<qint64>(value);
 }

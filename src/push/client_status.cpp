@@ -28,6 +28,15 @@ constexpr int kBackoffQuietS = 5;
 constexpr int kBackoffMaxS = 10;
 // What CRequestHttps::SendRequest returns when its wait was abandoned through Abort().
 constexpr int kRequestAbandoned = 1;
+// The address service is asked twice before the lookup fails.
+constexpr int kAddressAttempts = 2;
+// An address entry is "host:port", the port in decimal.
+constexpr int kHostPortParts = 2;
+constexpr int kDecimal = 10;
+// Each quick wait is this many times the one before.
+constexpr int kBackoffFactor = 2;
+// "size_used_percent" is a percentage; the record holds a fraction.
+constexpr double kPercent = 100.0;
 // "state" of a status answer that means the user was logged out.
 constexpr int kStateLoggedOut = 1;
 // The membership pair that marks a pending refresh for the main application.
@@ -72,7 +81,7 @@ int MsgClient::GetServerAddressList(QStringList& list)
     QMap<QString, QString> headers;
     headers["Content-Type"] = "application/x-www-form-urlencoded;charset=UTF-8";
     CRequestHttps request;
-    for (int attempt = 0; attempt < 2; ++attempt) {
+    for (int attempt = 0; attempt < kAddressAttempts; ++attempt) {
         QByteArray reply;
         const int ret =
             request.SendRequest(m_pushAddressUrl, kHttpPost, headers, QByteArray(), reply);
@@ -124,10 +133,10 @@ bool MsgClient::ChooseServerAddress(const QStringList& list, QString& ip, int& p
     // The service's order decides: the first entry of the form host:port wins.
     for (const QString& entry : list) {
         const QStringList parts = entry.split(":", Qt::KeepEmptyParts);
-        if (parts.size() != 2)
+        if (parts.size() != kHostPortParts)
             continue;
         ip = parts.at(0);
-        port = parts.at(1).toInt(nullptr, 10);
+        port = parts.at(1).toInt(nullptr, kDecimal);
         logger()->Msg(kLogProgress, "connect server success!, ip is %s, port is %d",
                       entry.toUtf8().constData(), port);
         return true;
@@ -215,7 +224,7 @@ void MsgClient::scheduleReconnect(bool current)
     if (elapsed > kBackoffQuietS) {
         g_delay = kBackoffFirstS;
     } else {
-        g_delay *= 2;
+        g_delay *= kBackoffFactor;
         if (g_delay > kBackoffMaxS)
             g_delay = kBackoffMaxS;
     }
@@ -284,7 +293,7 @@ int MsgClient::ParseUserInfor(const QByteArray& data, CUserInfor& out)
     out.sizeTotal = space.value("size_total").toString();
     out.sizeUsed = space.value("size_used").toString();
     out.byteSizeRemain = truncateToInt64(space.value("byte_size_remain").toDouble());
-    out.sizeUsedPercent = space.value("size_used_percent").toString().toDouble() / 100.0;
+    out.sizeUsedPercent = space.value("size_used_percent").toString().toDouble() / kPercent;
 
     logger()->Msg(kLogProgress, "ParseUserInfor ------------------>>");
     DataCenter::getInstance()->SetUserFace(out.face);

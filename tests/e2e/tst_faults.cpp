@@ -245,7 +245,7 @@ bool tst_Faults::running(int connections)
                           (sandbox.count("client connected") > connections && connected >= 0 &&
                            last > connected && log.mid(last).startsWith(kRunning) &&
                            log.indexOf("server disconnect to socket", connected) < 0 &&
-                           log.lastIndexOf("would reconnect server") <
+                           log.lastIndexOf("would reconnect server") <=
                                log.lastIndexOf("  socket error\n") &&
                            sandbox.count(kStatusCheck) <= log.count("check status result is"));
                },
