@@ -15,7 +15,7 @@ if [ -n "${D627_LINK_MTU:-}" ]; then
     ip link set lo mtu "$D627_LINK_MTU"
 fi
 if [ -n "${D627_LINK_RATE:-}" ]; then
-    mtu=$(cat /sys/class/net/lo/mtu)
+    mtu=$(ip -o link show lo | sed -n "s/.* mtu \([0-9]*\).*/\1/p")
     tc qdisc add dev lo root tbf rate "$D627_LINK_RATE" burst "${D627_LINK_BURST:-$((2 * mtu))}" \
         latency "${D627_LINK_LATENCY:-2s}"
 fi

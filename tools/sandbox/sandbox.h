@@ -91,6 +91,7 @@ private:
     AddressMode m_addressMode = AddressMode::Ok;
     QByteArray m_cookie;  // Set-Cookie value sent with every status answer; empty: none
     QJsonArray m_pending; // items for the next first query answer
+    int m_padTo = 0;      // bytes that answer is filled to (pad=N); 0: not filled
     quint32 m_nextNoticeId = 1;
     QMap<QByteArray, HttpStubResponse> m_overrides; // by path
     quint16 m_httpPort = 0;
