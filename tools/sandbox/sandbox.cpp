@@ -140,7 +140,7 @@ bool Sandbox::start(quint16 httpPort, quint16 pushPort, bool tls)
             m_refusedPort = probe.serverPort();
     }
     if (!m_push.listen(pushPort)) {
-        say(QStringLiteral("cannot listen for push clients on 127.0.0.1:%1").arg(pushPort));
+        say(QStringLiteral("cannot listen for push clients on port %1").arg(pushPort));
         return false;
     }
     if (!(tls ? m_http.listenTls(httpPort) : m_http.listen(httpPort))) {
