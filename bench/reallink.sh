@@ -20,7 +20,9 @@
 #                                            private network namespace), iproute2, nftables, curl
 #   D627_BUILD_DIR      build with d627, d627-sandbox, d627-mainapp and ec627 (default build/)
 #   D627_REALLINK_TIMEOUT  seconds a trial may take before it counts as lost (default 300)
-# Writes bench/results/reallink.tsv (kind, trial, milliseconds or -1 for lost) and reallink.md
+#   D627_REALLINK_NAME  base name of the results (default reallink); runs in namespaces of their
+#                       own do not meet, so two runs with different names can go side by side
+# Writes bench/results/<name>.tsv (kind, trial, milliseconds or -1 for lost) and <name>.md
 # (per kind: trials, delivered, median, p99, max; lost trials count as the timeout, shown ">").
 set -euo pipefail
 
@@ -31,6 +33,7 @@ shift || true
 kinds=${*:-drop long blackhole addr link}
 timeout=${D627_REALLINK_TIMEOUT:-300}
 results=$root/bench/results
+name=${D627_REALLINK_NAME:-reallink}
 
 if [ -z "${D627_NETNS:-}" ]; then
     # shellcheck disable=SC2086  # the kinds are words
@@ -117,7 +120,7 @@ exec 3>"$work/mainapp.in"
 wait_until 60 running_after 0 || { echo "reallink: the daemon did not reach its running step" >&2; exit 1; }
 
 mkdir -p "$results"
-tsv=$results/reallink.tsv
+tsv=$results/$name.tsv
 : >"$tsv"
 for kind in $kinds; do
     echo "== $kind: $trials trial(s)"
@@ -199,4 +202,4 @@ show() { # milliseconds -> seconds, ">" for the timeout
     done
     echo
     echo "$trials trial(s) per kind, MTU 1500, timeout ${timeout} s, $(date -u '+%Y-%m-%d %H:%M UTC')"
-} | tee "$results/reallink.md"
+} | tee "$results/$name.md"

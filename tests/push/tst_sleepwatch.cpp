@@ -37,12 +37,15 @@ private slots:
 
     void sleptSince_data()
     {
-        // Steps: "a N" awake N ms, "s N" asleep N ms, "? N" a call that must report N ms slept.
+        // Steps: "a N" awake N ms, "s N" asleep N ms, "r 0" reset; "? N" a call that must report
+        // N ms slept, "> N" / "< N" sleptSince(N) true / false.
         QTest::addColumn<QString>("steps");
         QTest::newRow("awake only") << "a 60000 ? 0 a 1 ? 0";
         QTest::newRow("one suspend") << "a 100 s 600000 a 100 ? 600000 ? 0";
         QTest::newRow("suspends add up until asked") << "s 2000 a 5 s 3000 ? 5000";
         QTest::newRow("each call starts a new count") << "s 2000 ? 2000 s 7 ? 7 a 9 ? 0";
+        QTest::newRow("threshold") << "s 999 < 1000 s 1000 > 1000 s 1 > 1 a 5000 < 1";
+        QTest::newRow("reset forgets") << "s 5000 r 0 < 1 s 5000 r 0 ? 0";
     }
     void sleptSince()
     {
@@ -51,27 +54,19 @@ private slots:
         SleepWatch watch(&clocks);
         const QStringList words = steps.split(' ');
         for (int i = 0; i + 1 < words.size(); i += 2) {
+            const QString& step = words.at(i);
             const qint64 ms = words.at(i + 1).toLongLong();
-            if (words.at(i) == "a")
+            if (step == "a")
                 clocks.awake(ms);
-            else if (words.at(i) == "s")
+            else if (step == "s")
                 clocks.asleep(ms);
-            else
+            else if (step == "r")
+                watch.reset();
+            else if (step == "?")
                 QCOMPARE(watch.sleptMsSinceLast(), ms);
+            else
+                QCOMPARE(watch.sleptSince(ms), step == ">");
         }
-    }
-
-    void thresholdAndReset()
-    {
-        FakeClocks clocks;
-        SleepWatch watch(&clocks);
-        clocks.asleep(SleepWatch::kMinSleepMs - 1);
-        QVERIFY(!watch.sleptSince());
-        clocks.asleep(SleepWatch::kMinSleepMs);
-        QVERIFY(watch.sleptSince());
-        clocks.asleep(SleepWatch::kMinSleepMs);
-        watch.reset();
-        QVERIFY(!watch.sleptSince(1));
     }
 
     void realClocksAwake()
