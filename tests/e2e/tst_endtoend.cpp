@@ -5,6 +5,7 @@
 
 #include "e2eharness.h"
 
+#include <QRegularExpression>
 #include <QtTest>
 
 using namespace e2e;
@@ -84,6 +85,35 @@ private slots:
 
         QCOMPARE(h.sandboxCount("client connected"), 3);
         QVERIFY(h.exitDaemon());
+    }
+    // The sandbox's long answers: an avatar address of many characters, an answer filled with
+    // items the daemon skips; both of random text, so that compression does not shorten them.
+    void longAnswer_reachesTheMainApplication_data()
+    {
+        QTest::addColumn<QString>("command");
+        QTest::addColumn<int>("faceLength"); // 0: the address as given
+        QTest::addColumn<int>("answerBytes");
+        QTest::newRow("avatar address of 20000 characters")
+            << "avatar url=http://127.0.0.1/a.png size=20000" << 20000 << 20000;
+        QTest::newRow("answer of 32 kB")
+            << "avatar url=http://127.0.0.1/a.png pad=32768" << 0 << 32768;
+    }
+    void longAnswer_reachesTheMainApplication()
+    {
+        QFETCH(QString, command);
+        QFETCH(int, faceLength);
+        QFETCH(int, answerBytes);
+        QVERIFY(h.ctl(command));
+        QJsonObject message;
+        QVERIFY2(h.waitMessage("user_face", 0, 15000, message), "no avatar message");
+        const QString face = message.value("user_face").toString();
+        QVERIFY(face.startsWith("http://127.0.0.1/a.png"));
+        QCOMPARE(face.size(), faceLength ? faceLength : int(strlen("http://127.0.0.1/a.png")));
+        // The sandbox shows the size of a long answer.
+        const QRegularExpression sent(R"(push  #2 answer seq=\d+.*\((\d+) bytes\))");
+        const auto match = sent.match(QString::fromUtf8(h.sandboxText()));
+        QVERIFY2(match.hasMatch() && match.captured(1).toInt() >= answerBytes,
+                 qPrintable(match.captured(0).right(40)));
     }
     void logoutElsewhere_isReportedAndEndsTheDaemon()
     {

@@ -7,6 +7,7 @@
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QHostAddress>
 #include <QSocketNotifier>
 #include <cerrno>
 #include <unistd.h>
@@ -73,7 +74,11 @@ int main(int argc, char** argv)
                                     "Set-Cookie value sent with every status answer, e.g. "
                                     "\"PHPSESSID=abc; path=/\".",
                                     "value");
-    parser.addOptions({httpPort, pushPort, https, cookie});
+    const QCommandLineOption pushHost("push-host",
+                                      "Address of the push server, in 127.0.0.0/8 (default "
+                                      "127.0.0.1), e.g. one on an interface of a test's own.",
+                                      "address", "127.0.0.1");
+    parser.addOptions({httpPort, pushPort, https, cookie, pushHost});
     parser.process(app);
 
     bool httpOk = false;
@@ -86,6 +91,10 @@ int main(int argc, char** argv)
     }
 
     Sandbox sandbox;
+    if (!sandbox.setPushHost(QHostAddress(parser.value(pushHost)))) {
+        Sandbox::say(QStringLiteral("the push host must be an address of 127.0.0.0/8"));
+        return 2;
+    }
     if (parser.isSet(cookie))
         sandbox.setCookie(parser.value(cookie).toUtf8());
     if (!sandbox.start(quint16(http), quint16(push), parser.isSet(https)))

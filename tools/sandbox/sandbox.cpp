@@ -3,9 +3,11 @@
 
 #include <QDateTime>
 #include <QJsonDocument>
+#include <QRandomGenerator>
 #include <QTcpServer>
 #include <QTimer>
 #include <cstdio>
+#include <utility>
 
 namespace {
 
@@ -21,6 +23,29 @@ QByteArray compact(const QJsonObject& object)
 QByteArray failure(const QString& error)
 {
     return compact({{"ok", false}, {"error", error}});
+}
+
+// Long answers: at most one segment-rich 64 kB answer, as the push server sends for a long list.
+constexpr int kMaxLongAnswer = 65536;
+constexpr int kFillerItemChars = 1024;
+
+// Text that no compressor shrinks much: random letters, digits, "-" and "_" (safe in URLs).
+QString randomText(int size)
+{
+    static const char kAlphabet[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+    QString text(size, QLatin1Char('x'));
+    for (QChar& c : text)
+        c = QLatin1Char(kAlphabet[QRandomGenerator::global()->bounded(64)]);
+    return text;
+}
+
+// The length asked for by `name` (0 when absent), or -1 when it is not a number up to 64 kB.
+int longLength(const Sandbox::Params& params, const QByteArray& name)
+{
+    bool ok = true;
+    const int length = params.contains(name) ? params.value(name).toInt(&ok) : 0;
+    return ok && length >= 0 && length <= kMaxLongAnswer ? length : -1;
 }
 
 bool wantsDrop(const Sandbox::Params& params)
@@ -115,7 +140,7 @@ bool Sandbox::start(quint16 httpPort, quint16 pushPort, bool tls)
             m_refusedPort = probe.serverPort();
     }
     if (!m_push.listen(pushPort)) {
-        say(QStringLiteral("cannot listen for push clients on 127.0.0.1:%1").arg(pushPort));
+        say(QStringLiteral("cannot listen for push clients on port %1").arg(pushPort));
         return false;
     }
     if (!(tls ? m_http.listenTls(httpPort) : m_http.listen(httpPort))) {
@@ -260,6 +285,10 @@ QByteArray Sandbox::controlLine(const QByteArray& rawLine)
 
 QByteArray Sandbox::queueChange(const QJsonObject& inner, const Params& params, const QString& what)
 {
+    const int pad = longLength(params, "pad");
+    if (pad < 0)
+        return failure("pad=N asks for an answer of N bytes, up to 65536");
+    m_padTo = qMax(m_padTo, pad);
     m_pending.append(QJsonObject{{"t", 599999}, {"data", inner}});
     const bool drop = wantsDrop(params);
     const int dropped = drop ? m_push.dropConnections() : 0;
@@ -278,9 +307,14 @@ QByteArray Sandbox::control(const QByteArray& command, const Params& params)
     say(QStringLiteral("ctl   %1 %2").arg(QString::fromUtf8(command), shown.join(' ')));
 
     if (command == "avatar") {
-        const QString url = QString::fromUtf8(params.value("url"));
-        if (url.isEmpty())
-            return failure("avatar needs url");
+        QString url = QString::fromUtf8(params.value("url"));
+        const int size = longLength(params, "size");
+        if (url.isEmpty() || size < 0)
+            return failure("avatar needs url (and size=N up to 65536 for a long one)");
+        // size=N: the address grows to N characters with a random query value.
+        const QString join = url.contains('?') ? QStringLiteral("&p=") : QStringLiteral("?p=");
+        if (size > url.size() + join.size())
+            url += join + randomText(size - url.size() - join.size());
         return queueChange({{"t", 138}, {"face_l", url}}, params, "avatar " + url);
     }
     if (command == "vip") {
@@ -400,14 +434,16 @@ QByteArray Sandbox::control(const QByteArray& command, const Params& params)
         return compact(
             {{"ok", true},
              {"commands",
-              "avatar url=U | vip level=N expire=S | message t=T | notice [id=N] | drop | "
+              "avatar url=U [size=N] | vip level=N expire=S | message t=T | notice [id=N] | drop | "
               "logout [message] | sso mode=ok|logout|error|slow|drop [message= status= delay=] | "
               "address mode=ok|down|state0|bad|drop|refused | push mode=normal|silent|refuse | "
               "push once=login|query|answered | raw hex=H [split=N] | rsp [magic=KOOS] [seq=N] "
               "[z=1] [text=T|hex=H] [seal=0] [len=N|+N|-N] | http path=P [status=S] "
               "[body=text|empty|drop|hang|size:N] (neither: back to normal) | http listen=0|1 | "
               "cookie [Set-Cookie value] | status | quit. avatar, vip, message and logout drop the "
-              "push connection unless drop=0."}});
+              "push connection unless drop=0. Long answers (up to 65536): size=N makes the avatar "
+              "address N characters long, pad=N on avatar, vip or message fills the answer that "
+              "carries it to N bytes with items the daemon skips; both of random text."}});
     }
     return failure("unknown command " + QString::fromUtf8(command) + " (try help)");
 }
@@ -433,6 +469,15 @@ QByteArray Sandbox::onPushRequest(const PushFrame& frame)
     if (frame.isQuery() && frame.requestIndex == 0) {
         list = m_pending;
         m_pending = QJsonArray();
+        // pad=N: items of a type the daemon skips, of random text, until the answer holds N bytes.
+        const int padTo = std::exchange(m_padTo, 0);
+        int size = int(compact({{"code", 0}, {"data", QJsonObject{{"list", list}}}}).size());
+        const int itemOverhead = int(compact({{"t", 1}, {"text", ""}}).size()) + 1;
+        while (size < padTo) {
+            const int chars = qBound(1, padTo - size - itemOverhead, kFillerItemChars);
+            list.append(QJsonObject{{"t", 1}, {"text", randomText(chars)}});
+            size += chars + itemOverhead;
+        }
     }
     return compact({{"code", 0}, {"data", QJsonObject{{"list", list}}}});
 }

@@ -42,6 +42,9 @@ public:
     // "sso mode=error status=503", "logout kicked by another device") into a command.
     QByteArray controlLine(const QByteArray& line);
     void setCookie(const QByteArray& setCookieValue) { m_cookie = setCookieValue; }
+    // The push server's address, handed out by the address service: 127.0.0.1 unless set to
+    // another address of 127.0.0.0/8 (false otherwise). Before start().
+    bool setPushHost(const QHostAddress& host) { return m_push.setHost(host); }
 
     static void say(const QString& text); // one timestamped, flushed line on stdout
 
@@ -91,6 +94,7 @@ private:
     AddressMode m_addressMode = AddressMode::Ok;
     QByteArray m_cookie;  // Set-Cookie value sent with every status answer; empty: none
     QJsonArray m_pending; // items for the next first query answer
+    int m_padTo = 0;      // bytes that answer is filled to (pad=N); 0: not filled
     quint32 m_nextNoticeId = 1;
     QMap<QByteArray, HttpStubResponse> m_overrides; // by path
     quint16 m_httpPort = 0;

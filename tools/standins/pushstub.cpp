@@ -89,8 +89,8 @@ bool PushStub::listen(quint16 port)
 {
     close();
     m_server = new QTcpServer(this);
-    if (!m_server->listen(QHostAddress::LocalHost, port)) {
-        qWarning("PushStub: cannot listen on 127.0.0.1:%u: %s", port,
+    if (!m_server->listen(m_host, port)) {
+        qWarning("PushStub: cannot listen on %s:%u: %s", qPrintable(m_host.toString()), port,
                  qPrintable(m_server->errorString()));
         delete m_server;
         m_server = nullptr;
@@ -120,7 +120,15 @@ quint16 PushStub::port() const
 
 QByteArray PushStub::address() const
 {
-    return "127.0.0.1:" + QByteArray::number(port());
+    return m_host.toString().toLatin1() + ':' + QByteArray::number(port());
+}
+
+bool PushStub::setHost(const QHostAddress& host)
+{
+    if (!host.isLoopback() || host.protocol() != QAbstractSocket::IPv4Protocol)
+        return false;
+    m_host = host;
+    return true;
 }
 
 void PushStub::setAnswerLogin(bool answer)

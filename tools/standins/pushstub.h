@@ -15,6 +15,7 @@
 
 #include <QByteArray>
 #include <QHash>
+#include <QHostAddress>
 #include <QList>
 #include <QMetaType>
 #include <QMutex>
@@ -61,12 +62,15 @@ public:
     explicit PushStub(QObject* parent = nullptr);
     ~PushStub() override;
 
-    // Listens on 127.0.0.1; 0 picks a free port.
+    // Listens on the host (127.0.0.1 unless set); 0 picks a free port.
     bool listen(quint16 port = 0);
+    // Another IPv4 loopback address to listen on, e.g. one on an interface of a test's own
+    // (127.0.0.0/8 only; false otherwise). Takes effect at the next listen().
+    bool setHost(const QHostAddress& host);
     // Stops listening (new connections are refused) and drops every open connection.
     void close();
     quint16 port() const;
-    // "127.0.0.1:<port>", the form the push-address service hands out.
+    // "<host>:<port>", e.g. "127.0.0.1:18628", the form the push-address service hands out.
     QByteArray address() const;
 
     // Behaviour; each takes effect from the next frame on.
@@ -121,6 +125,7 @@ private:
     void record(const PushFrame& frame);
     QList<Connection*> liveConnections() const;
 
+    QHostAddress m_host = QHostAddress(QHostAddress::LocalHost);
     QTcpServer* m_server = nullptr;
     QHash<int, Connection*> m_connections; // open or closing clients by number
     int m_accepted = 0;
