@@ -29,9 +29,14 @@ constexpr int kDeviceAddressBase = 2;
 constexpr int kDeviceDigits = 10;
 } // namespace
 
+namespace {
+const ClockSource* g_sleepClocks = nullptr; // null: the system's
+} // namespace
+
 MsgClient::MsgClient(QObject* parent, const MsgClientTimes& times)
     : QObject(parent), m_times(times), m_pushAddressUrl(serviceurls::kPushAddressUrl),
-      m_ssoStatusUrl(serviceurls::kSsoStatusUrl)
+      m_ssoStatusUrl(serviceurls::kSsoStatusUrl),
+      m_sleepWatch(g_sleepClocks ? g_sleepClocks : ClockSource::system())
 {
     Msg_client::init();
     connect(this, SIGNAL(handleMsg(QByteArray)), this, SLOT(onhandleMsg(QByteArray)));
@@ -55,6 +60,8 @@ MsgClient::MsgClient(QObject* parent, const MsgClientTimes& times)
     m_netCheckTimer = new QTimer(this);
     m_netCheckTimer->setInterval(m_times.netErrorMs);
     connect(m_netCheckTimer, SIGNAL(timeout()), this, SLOT(onNetError()));
+    m_netWatch = new NetworkWatch(this);
+    connect(m_netWatch, SIGNAL(pathLost(QString)), this, SLOT(onPathLost(QString)));
     m_process = kStepConnect;
     startRunTimer();
 }
@@ -67,6 +74,11 @@ MsgClient::~MsgClient()
         m_socket->disconnect(this);
     delete m_socket;
     m_socket = nullptr;
+}
+
+void MsgClient::setSleepClocks(const ClockSource* clocks)
+{
+    g_sleepClocks = clocks;
 }
 
 void MsgClient::setServiceUrls(const QString& pushAddressUrl, const QString& ssoStatusUrl)
@@ -158,6 +170,11 @@ int MsgClient::connect2Server()
         return -1;
     }
     attachSocket(m_socket);
+    // A path that dies in silence fails the connection within the kernel's bounds; a lost
+    // address or link, or a suspend, fails it at once. Without them it still works as before.
+    setPushSocketOptions(m_socket->socketDescriptor(), m_times.pathTimes);
+    m_netWatch->watch(m_socket->localAddress());
+    m_sleepWatch.reset();
     nextProcess();
     return 0;
 }
@@ -232,6 +249,7 @@ void MsgClient::onsocketerror()
     // The chain before this restart is over: its socket's late signals reach nothing, its
     // watchdog is stopped and its pending step is replaced below. Step 0 closes that socket.
     detachSocket();
+    m_netWatch->unwatch();
     m_reconnectTimer->stop();
     m_frameTimer->stop();
     stopCheckTime();
@@ -244,6 +262,20 @@ void MsgClient::attachSocket(ClientTcpSocket* socket)
 {
     connect(socket, SIGNAL(readyRead()), this, SLOT(onReadyRead()));
     connect(socket, SIGNAL(disconnected()), this, SLOT(ondisconnected()));
+}
+
+void MsgClient::onPathLost(const QString& reason)
+{
+    const SocketInUse inSignal(this);
+    failConnection(reason);
+}
+
+void MsgClient::failConnection(const QString& reason)
+{
+    logger()->Msg(kLogImportant, "push connection path lost: %s", reason.toUtf8().constData());
+    // Aborting the socket reports its disconnection, which checks the status and reconnects.
+    if (m_socket && m_socket->state() == QAbstractSocket::ConnectedState)
+        m_socket->abort();
 }
 
 void MsgClient::detachSocket()
@@ -273,6 +305,7 @@ void MsgClient::CloseSocket()
     if (!m_socket)
         return;
     detachSocket();
+    m_netWatch->unwatch();
     m_frameTimer->stop();
     m_socket->stopTime();
     if (m_socket->isOpen()) {
@@ -291,7 +324,7 @@ void MsgClient::CloseSocket()
     // slot connected to it. It is freed once that slot has returned, or at once (deleteLater)
     // when no such slot runs. Until then it is a child of this object and goes with it.
     m_socket->setParent(this);
-    if (m_socketSignalDepth > 0)
+    if (m_socketUseDepth > 0)
         m_closedSockets.append(m_socket);
     else
         m_socket->deleteLater();
@@ -311,7 +344,14 @@ void MsgClient::freeClosedSockets()
 void MsgClient::onSendHeartTimer()
 {
     Infor tracer(kLogTrace, scopeName("onSendHeartTimer"));
-    const SocketSignalScope inSignal(this);
+    const SocketInUse inSignal(this);
+    // The heartbeat runs on the boot-time clock, so it comes at once after a resume. A
+    // connection that slept is renewed rather than probed: its path has most likely changed.
+    const qint64 slept = m_sleepWatch.sleptMsSinceLast();
+    if (slept >= SleepWatch::kMinSleepMs) {
+        failConnection(QString("the machine slept %1 ms").arg(slept));
+        return;
+    }
     const LinkPoint at = here();
     const int ret = SendHeart();
     // The write may have waited while the connection was replaced: the watchdog and the check

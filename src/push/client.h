@@ -1,6 +1,8 @@
 #pragma once
 // SPDX-License-Identifier: Apache-2.0
 
+#include "push/client_netwatch.h"
+#include "push/client_sleepwatch.h"
 #include "push/msg_client.h"
 
 #include <QByteArray>
@@ -45,6 +47,7 @@ struct MsgClientTimes
     int netErrorMs = kNetErrorPeriodMs;
     int socketWaitMs = kSocketWaitMs;
     int frameCompleteMs = kFrameCompleteMs;
+    PushSocketTimes pathTimes;          // how soon the kernel fails a connection whose path died
     int backoffSecondMs = kMsPerSecond; // length of one second of the reconnection back-off
 };
 
@@ -125,10 +128,14 @@ public:
     // Service addresses; by default those compiled into the daemon (serviceurls.h).
     void setServiceUrls(const QString& pushAddressUrl, const QString& ssoStatusUrl);
     static void setBackoffClock(Clock clock);
+    // The clocks that tell a suspend (the boot-time clock running ahead of the monotonic one);
+    // tests replace them. Null: the system's.
+    static void setSleepClocks(const ClockSource* clocks);
 
     // Read-only views of the connection state (for diagnostics and tests).
     int process() const { return m_process; }
     LinkPoint here() const { return {m_connection, m_process}; }
+    const ClientTcpSocket* socket() const { return m_socket; }
     unsigned int sequence() const { return m_sequence; }
     unsigned int responseSeq() const { return m_responseSeq; }
     // Wait of the last reconnection computed by the status check, in milliseconds (0: none).
@@ -205,6 +212,7 @@ public slots:
     void onCheckTimer();
     void onNetError();
     void onFrameTimer();
+    void onPathLost(const QString& reason);
     void onhandleMsg(const QByteArray& message);
     void oncheckstatus(bool bneedconnect);
     void oncheckUserInfor();
@@ -222,6 +230,9 @@ private:
     // Computes the next wait of the process-wide back-off and arms the restart with it, when the
     // confirmation is about the current connection or a restart is already waiting.
     void scheduleReconnect(bool current);
+    // Ends the current connection through its disconnection (a status check, then a restart)
+    // when its path is known to be gone: the kernel, the network or a suspend said so.
+    void failConnection(const QString& reason);
     // Wires a connected socket's signals to this object; detachSocket() undoes it.
     void attachSocket(ClientTcpSocket* socket);
     void detachSocket();
@@ -230,8 +241,8 @@ private:
     void freeClosedSockets();
 
     // Held by the slots connected to a push socket's signals (readyRead, disconnected, timer)
-    // for as long as they run; see CloseSocket().
-    class SocketSignalScope;
+    // and by writeCmd() for as long as they run; see CloseSocket().
+    class SocketInUse;
 
     unsigned int m_sequence = 0;
     unsigned int m_responseSeq = 0;
@@ -252,6 +263,8 @@ private:
     quint64 m_connection = 0;             // see LinkPoint
     quint64 m_netCheckConnection = 0;     // the connection the network-error timer was started for
     StatusCheck* m_statusCheck = nullptr; // the status check waiting for its answer, if any
-    int m_socketSignalDepth = 0;          // SocketSignalScope objects alive
+    NetworkWatch* m_netWatch = nullptr;   // the current connection's address and link
+    SleepWatch m_sleepWatch;              // a suspend since the connection was made
+    int m_socketUseDepth = 0;             // SocketInUse objects alive
     QList<ClientTcpSocket*> m_closedSockets; // closed inside a socket signal, freed after it
 };

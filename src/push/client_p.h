@@ -47,23 +47,20 @@ inline qint64 truncateToInt64(double value)
 
 } // namespace msgclient_detail
 
-// Marks a slot that runs inside a signal of a push socket. A socket closed meanwhile (in a
-// nested event loop of that slot) is freed only when the outermost such slot returns, since the
-// socket's own code still runs after the signal.
-class MsgClient::SocketSignalScope
+// Marks code that runs with a push socket's own code below it on the stack: a slot connected to
+// one of its signals, or a blocking write, whose wait delivers the socket's signals. A socket
+// closed meanwhile (in a nested event loop) is freed only when the outermost such code returns.
+class MsgClient::SocketInUse
 {
 public:
-    explicit SocketSignalScope(MsgClient* client) : m_client(client)
+    explicit SocketInUse(MsgClient* client) : m_client(client) { ++m_client->m_socketUseDepth; }
+    ~SocketInUse()
     {
-        ++m_client->m_socketSignalDepth;
-    }
-    ~SocketSignalScope()
-    {
-        if (--m_client->m_socketSignalDepth == 0)
+        if (--m_client->m_socketUseDepth == 0)
             m_client->freeClosedSockets();
     }
-    SocketSignalScope(const SocketSignalScope&) = delete;
-    SocketSignalScope& operator=(const SocketSignalScope&) = delete;
+    SocketInUse(const SocketInUse&) = delete;
+    SocketInUse& operator=(const SocketInUse&) = delete;
 
 private:
     MsgClient* m_client;

@@ -2,8 +2,7 @@
 #include "clienttcpsocket.h"
 
 #include "client.h"
-
-#include <QTimer>
+#include "client_sleepwatch.h"
 
 ClientTcpSocket::ClientTcpSocket(QObject* parent) : QTcpSocket(parent) {}
 
@@ -22,11 +21,11 @@ void ClientTcpSocket::startTimeMs(int msec)
     // One timer, a child of the socket, for the socket's whole life: stopping it never deletes
     // it, since a stop may come from inside its own timeout.
     if (!m_timer) {
-        m_timer = new QTimer(this);
+        m_timer = new BootDeadline(this);
         connect(m_timer, SIGNAL(timeout()), this, SLOT(OnTimer()));
     }
-    m_timer->setInterval(msec);
-    m_timer->start();
+    m_intervalMs = msec;
+    m_timer->start(msec);
 }
 
 void ClientTcpSocket::stopTime()
@@ -43,5 +42,6 @@ void ClientTcpSocket::disconnectFromHost()
 
 void ClientTcpSocket::OnTimer()
 {
+    m_timer->start(m_intervalMs); // the next tick, one period after this one
     emit timer();
 }

@@ -3,11 +3,12 @@
 
 #include <QTcpSocket>
 
-class QTimer;
+class BootDeadline;
 
-// The push connection's socket. Besides the TCP stream it carries the heartbeat timer: a
-// repeating QTimer, a child of the socket made on its thread (the client thread) at the first
-// start, whose ticks come out as the signal timer().
+// The push connection's socket. Besides the TCP stream it carries the heartbeat timer, a child
+// of the socket made on its thread (the client thread) at the first start, whose ticks come out
+// as the signal timer(). It repeats on the boot-time clock, which runs on while the machine
+// sleeps: a tick that fell due during a suspend comes at once after the resume.
 class ClientTcpSocket : public QTcpSocket
 {
     Q_OBJECT
@@ -31,5 +32,6 @@ private slots:
     void OnTimer();
 
 private:
-    QTimer* m_timer = nullptr;
+    BootDeadline* m_timer = nullptr;
+    int m_intervalMs = 0;
 };

@@ -4,6 +4,7 @@
 
 #include "core/data.h"
 #include "core/datacenter.h"
+#include "linkfaults.h"
 #include "logcapture.h"
 #include "push/clienttcpsocket.h"
 #include "pushservices.h"
@@ -30,6 +31,17 @@ bool within(qint64 elapsedMs, int intervalMs)
 }
 
 qint64 g_now = 1700000000; // the back-off's clock
+
+// The clocks that tell a suspend: the boot-time clock runs `sleptMs` ahead of the monotonic one.
+struct SleepClocks : ClockSource
+{
+    qint64 sleptMs = 0;
+    QElapsedTimer since;
+    SleepClocks() { since.start(); }
+    qint64 bootTimeMs() const override { return since.elapsed() + sleptMs; }
+    qint64 monotonicMs() const override { return since.elapsed(); }
+};
+SleepClocks g_clocks;
 
 // The login record with a user id and these cookies; the logout record; the pending membership.
 void setLogin(const QMap<QString, QString>& cookies)
@@ -65,6 +77,7 @@ private slots:
     {
         m_log.start(1);
         MsgClient::setBackoffClock([] { return g_now; });
+        MsgClient::setSleepClocks(&g_clocks);
         DataCenter::getInstance()->SetUserAgent("d627-test");
     }
     void init()
@@ -614,12 +627,10 @@ private slots:
         MsgClientTimes times = fastTimes(200);
         std::unique_ptr<MsgClient> client;
         bool hooked = false, returned = false;
-        // The client's socket, taken and put back, gets a hook on its first write: the failure
-        // that a disconnection inside the write would report, then a slow check.
+        // The client's socket gets a hook on its first write: the failure that a disconnection
+        // inside the write would report, then a slow check.
         const auto hook = [&] {
-            ClientTcpSocket* socket = client->setSocket(nullptr);
-            client->setSocket(socket);
-            QObject::connect(socket, &QIODevice::bytesWritten, client.get(), [&] {
+            QObject::connect(client->socket(), &QIODevice::bytesWritten, client.get(), [&] {
                 if (hooked)
                     return;
                 hooked = true;
@@ -699,6 +710,73 @@ private slots:
         QCOMPARE(DataCenter::getInstance()->GetUserFace(), QString("img/segment.png"));
         QCOMPARE(m_s->frames(&PushFrame::isQuery).size(), 1);
         QCOMPARE(m_s->requestsTo(kSso), 0);
+    }
+
+    // On a real link: an answer of 64 kB over 256 kbit is read whole; a connection whose path
+    // dies in silence is failed by the kernel, one whose local address or link goes away or
+    // that slept is renewed at once. Each time the avatar change queued meanwhile arrives.
+    void realLink_data()
+    {
+        QTest::addColumn<QString>("fault");
+        for (const char* fault : {"64 kB answer at 256 kbit", "black hole", "address removed",
+                                  "link down and up", "resume"})
+            QTest::newRow(fault) << fault;
+    }
+    void realLink()
+    {
+        QFETCH(QString, fault);
+        LinkFaults link;
+        if (!LinkFaults::inPrivateNamespace())
+            QSKIP("needs a network namespace of its own");
+        const QString device = "d627t0";
+        if (fault.startsWith("address") || fault.startsWith("link")) {
+            // The push server on a loopback address of an interface of the test's own.
+            QCOMPARE(link.addDummy(device), 0);
+            QCOMPARE(link.addAddress(device, "127.0.0.2/32"), 0);
+            m_s->push.close();
+            QVERIFY(m_s->push.setHost(QHostAddress("127.0.0.2")) && m_s->push.listen(0));
+            m_s->addressBody = addressAnswer({QString::fromLatin1(m_s->push.address())});
+        }
+        MsgClientTimes times = fastTimes();
+        times.frameCompleteMs = kFrameCompleteMs;
+        times.heartbeatMs = 300;
+        times.pathTimes.userTimeoutMs = 1000;
+        times.pathTimes.keepIdleSeconds = 1;
+        times.pathTimes.keepIntervalSeconds = 1;
+        const QByteArray face = "img/" + fault.toUtf8().replace(' ', '-') + ".png";
+        QByteArray pad(48 * 1024, '\0');
+        QRandomGenerator::global()->fillRange(reinterpret_cast<quint32*>(pad.data()),
+                                              pad.size() / 4);
+        const QByteArray avatar = QByteArray(R"({"code":0,"pad":"%1","data":{"list":[
+            {"t":599999,"data":{"t":138,"face_l":"%2"}}]}})")
+                                      .replace("%1", pad.toBase64())
+                                      .replace("%2", face);
+        if (fault.startsWith("64")) {
+            QVERIFY2(link.shapeLoopback(1500, "256kbit") == 0, qPrintable(link.lastError()));
+            m_s->push.enqueueAnswer(avatar);
+        }
+        std::unique_ptr<MsgClient> client = m_s->running(times);
+        if (!fault.startsWith("64")) {
+            m_s->push.enqueueAnswer(avatar);
+            const ClientTcpSocket* socket = client->socket();
+            if (fault == "black hole")
+                QCOMPARE(link.blackHole(socket->localPort()), 0);
+            else if (fault == "address removed")
+                QCOMPARE(link.removeAddress(device, "127.0.0.2/32"), 0);
+            else if (fault == "link down and up")
+                QCOMPARE(link.setLink(device, false), 0);
+            else
+                g_clocks.sleptMs += 30000;
+            QTRY_VERIFY_WITH_TIMEOUT(m_s->push.acceptedCount() >= 2, 30000);
+            // The connection made while the link is down may see it down too: one more then.
+            if (fault.startsWith("link"))
+                QCOMPARE(link.setLink(device, true), 0);
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(DataCenter::getInstance()->GetUserFace(), QString(face), 30000);
+        const int connections = m_s->push.acceptedCount();
+        QVERIFY(fault.startsWith("64")
+                    ? connections == 1
+                    : connections == 2 || (fault.startsWith("link") && connections == 3));
     }
 
     // Each interval of the connection, scaled, is kept from both sides: not early, and not
