@@ -247,12 +247,14 @@ void MsgClient::onsocketerror()
 {
     logger()->Msg(kLogError, "socket error");
     // The chain before this restart is over: its socket's late signals reach nothing, its
-    // watchdog is stopped and its pending step is replaced below. Step 0 closes that socket.
+    // watchdog and network-error timer are stopped and its pending step is replaced below.
+    // Step 0 closes that socket.
     detachSocket();
     m_netWatch->unwatch();
     m_reconnectTimer->stop();
     m_frameTimer->stop();
     stopCheckTime();
+    stopNetCheckTime();
     ++m_connection;
     m_process = kStepConnect;
     startRunTimer();
@@ -388,10 +390,8 @@ void MsgClient::onCheckTimer()
 
 void MsgClient::startNetCheckTime()
 {
-    if (m_netCheckTimer->isActive())
-        return;
-    m_netCheckConnection = m_connection;
-    m_netCheckTimer->start();
+    if (!m_netCheckTimer->isActive())
+        m_netCheckTimer->start();
 }
 
 void MsgClient::stopNetCheckTime()
@@ -406,11 +406,6 @@ bool MsgClient::netCheckPending() const
 
 void MsgClient::onNetError()
 {
-    // Started for a connection that a restart has replaced since: that one is not asked about.
-    if (m_netCheckConnection != m_connection) {
-        stopNetCheckTime();
-        return;
-    }
     logger()->Msg(kLogError, "net error, so check status");
     emit checkstatus(true);
 }

@@ -261,7 +261,6 @@ private:
     QTimer* m_runTimer = nullptr;         // the pending step, single-shot
     QTimer* m_reconnectTimer = nullptr;   // the back-off before a restart, single-shot
     quint64 m_connection = 0;             // see LinkPoint
-    quint64 m_netCheckConnection = 0;     // the connection the network-error timer was started for
     StatusCheck* m_statusCheck = nullptr; // the status check waiting for its answer, if any
     NetworkWatch* m_netWatch = nullptr;   // the current connection's address and link
     SleepWatch m_sleepWatch;              // a suspend since the connection was made

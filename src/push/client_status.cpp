@@ -192,8 +192,8 @@ void MsgClient::oncheckstatus(bool bneedconnect)
         logger()->Msg(kLogError, "request or parse failed, request return:%d", ret);
         return;
     }
-    // The network-error timer is about the connection this check started on; a restart during
-    // the wait leaves it to the new connection's own failures.
+    // The network-error timer is about the connection this check started on: a restart during
+    // the wait stopped it, and it is not started again for the connection made since.
     const bool current = check.connection == m_connection;
     CLogoutInfor info;
     if (ret == 0 && ParseCheckStatusResponse(reply, info)) {
