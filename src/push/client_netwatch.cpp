@@ -19,9 +19,6 @@
 
 namespace {
 
-// Enough for a burst of link and address events; a larger burst is reported as ENOBUFS and then
-// handled by looking the address up afresh.
-constexpr int kReceiveBufferBytes = 256 * 1024;
 // Reads per notifier activation, so that a flood of events cannot starve the event loop; the
 // notifier fires again while data is left.
 constexpr int kMaxReadsPerWakeUp = 64;
@@ -107,7 +104,12 @@ int setPushSocketOptions(qintptr fd, const PushSocketTimes& times)
     return 0;
 }
 
-NetworkWatch::NetworkWatch(QObject* parent) : QObject(parent) {}
+// The default buffer holds a burst of link and address events; a larger burst is reported as
+// ENOBUFS and then handled by looking the address up afresh.
+NetworkWatch::NetworkWatch(QObject* parent, int receiveBufferBytes)
+    : QObject(parent), m_receiveBufferBytes(receiveBufferBytes)
+{
+}
 
 NetworkWatch::~NetworkWatch()
 {
@@ -158,8 +160,8 @@ int NetworkWatch::openSocket()
                       qPrintable(qt_error_string(errno)));
         return -1;
     }
-    const int size = kReceiveBufferBytes;
-    ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size)); // best effort
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &m_receiveBufferBytes,
+                 sizeof(m_receiveBufferBytes)); // best effort
     sockaddr_nl local{};
     local.nl_family = AF_NETLINK;
     local.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;

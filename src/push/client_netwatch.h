@@ -41,7 +41,10 @@ class NetworkWatch : public QObject
 {
     Q_OBJECT
 public:
-    explicit NetworkWatch(QObject* parent = nullptr);
+    // Bytes of events the kernel may queue for us; more are dropped and reported as lost.
+    static constexpr int kReceiveBufferBytes = 256 * 1024;
+
+    explicit NetworkWatch(QObject* parent = nullptr, int receiveBufferBytes = kReceiveBufferBytes);
     ~NetworkWatch() override;
 
     // Starts watching `localAddress` (an IPv4-mapped IPv6 address counts as IPv4): finds the
@@ -73,6 +76,7 @@ private:
     void recheck();
     void lose(const QString& reason);
 
+    int m_receiveBufferBytes;
     int m_fd = -1;
     QSocketNotifier* m_notifier = nullptr;
     QHostAddress m_address;
