@@ -189,6 +189,7 @@ private slots:
                  0);
         QSignalSpy failed(&m_client, &QAbstractSocket::errorOccurred);
         const quint16 port = m_client.localPort();
+        QCOMPARE(LinkFaults::clientPorts(m_server.serverPort()), QList<quint16>{port});
         QVERIFY2(m_faults.blackHole(port) == 0, qPrintable(m_faults.lastError()));
         if (bytesInFlight > 0) {
             since.start();
