@@ -179,6 +179,7 @@ int NetworkWatch::openSocket()
 
 void NetworkWatch::closeSocket()
 {
+    ++m_generation;
     if (m_notifier) {
         m_notifier->setEnabled(false);
         delete m_notifier;
@@ -193,7 +194,9 @@ void NetworkWatch::closeSocket()
 void NetworkWatch::onNetlinkReadable()
 {
     alignas(nlmsghdr) char buffer[16384];
-    for (int reads = 0; reads < kMaxReadsPerWakeUp && isWatching(); ++reads) {
+    // A slot of pathLost() may watch again: what is left of this read is not for that watch.
+    const quint32 generation = m_generation;
+    for (int reads = 0; reads < kMaxReadsPerWakeUp && m_generation == generation; ++reads) {
         sockaddr_nl from{};
         iovec part{buffer, sizeof(buffer)};
         msghdr header{};
@@ -213,8 +216,9 @@ void NetworkWatch::onNetlinkReadable()
             logger()->Msg(kLogImportant, "network watch: events lost (%s), checking %s again",
                           qPrintable(why), qPrintable(m_address.toString()));
             recheck();
-            if (got < 0 && error != ENOBUFS)
-                return;
+            // Any other error would come back at every wake-up: give the watch up as lost.
+            if (got < 0 && error != ENOBUFS && m_generation == generation)
+                lose(QStringLiteral("events unreadable: %1").arg(why));
             continue;
         }
         if (from.nl_pid != 0)
@@ -225,7 +229,8 @@ void NetworkWatch::onNetlinkReadable()
             const auto* message = reinterpret_cast<const nlmsghdr*>(at);
             if (message->nlmsg_len < sizeof(nlmsghdr) || message->nlmsg_len > left)
                 break; // a malformed message: the rest of this read cannot be trusted
-            if (!handleMessage(message))
+            handleMessage(message);
+            if (m_generation != generation)
                 return;
             const size_t step = NLMSG_ALIGN(message->nlmsg_len);
             if (step >= left)
@@ -236,7 +241,7 @@ void NetworkWatch::onNetlinkReadable()
     }
 }
 
-bool NetworkWatch::handleMessage(const nlmsghdr* message)
+void NetworkWatch::handleMessage(const nlmsghdr* message)
 {
     switch (message->nlmsg_type) {
     case RTM_DELADDR:
@@ -249,7 +254,6 @@ bool NetworkWatch::handleMessage(const nlmsghdr* message)
     default:
         break; // new addresses, errors, no-ops: nothing is lost by them
     }
-    return isWatching();
 }
 
 void NetworkWatch::handleAddress(const nlmsghdr* message, bool deleted)

@@ -68,8 +68,7 @@ private slots:
 private:
     int openSocket();
     void closeSocket();
-    // Returns false when the rest of the read must be dropped (the watch ended).
-    bool handleMessage(const nlmsghdr* message);
+    void handleMessage(const nlmsghdr* message);
     void handleAddress(const nlmsghdr* message, bool deleted);
     void handleLink(const nlmsghdr* message, bool deleted);
     // After lost events: is the address still on a live interface?
@@ -78,6 +77,7 @@ private:
 
     int m_receiveBufferBytes;
     int m_fd = -1;
+    quint32 m_generation = 0; // counts closed sockets: a read ends when its socket is closed
     QSocketNotifier* m_notifier = nullptr;
     QHostAddress m_address;
     int m_interfaceIndex = 0;
