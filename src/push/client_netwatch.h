@@ -30,7 +30,7 @@ struct PushSocketTimes
     int userTimeoutMs = 25000;
     int keepIdleSeconds = 45;
     int keepIntervalSeconds = 10;
-    int keepCount = 4; // used by kernels that judge keepalive by count, i.e. with no user timeout
+    int keepCount = 4; // unanswered probes that end the connection when no user timeout is set
 };
 
 // Sets TCP_USER_TIMEOUT (skipped when times.userTimeoutMs <= 0) and keepalive on a connected TCP
