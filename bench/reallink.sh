@@ -18,6 +18,7 @@
 #
 #   bench/reallink.sh [trials] [kinds...]    default 20 trials of every kind; needs root (a
 #                                            private network namespace), iproute2, nftables, curl
+#   bench/reallink.sh --render               only remakes <name>.md from <name>.tsv
 #   D627_BUILD_DIR      build with d627, d627-sandbox, d627-mainapp and ec627 (default build/)
 #   D627_REALLINK_TIMEOUT  seconds a trial may take before it counts as lost (default 300)
 #   D627_REALLINK_NAME  base name of the results (default reallink); runs in namespaces of their
@@ -28,12 +29,44 @@ set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${D627_BUILD_DIR:-$root/build}
+mode=run
+if [ "${1:-}" = --render ]; then
+    mode=render
+    shift
+fi
 trials=${1:-20}
 shift || true
 kinds=${*:-drop long blackhole addr link}
 timeout=${D627_REALLINK_TIMEOUT:-300}
 results=$root/bench/results
 name=${D627_REALLINK_NAME:-reallink}
+
+# Per kind, nearest-rank percentiles; a lost trial counts as the timeout (shown ">").
+render() {
+    local tsv=$results/$name.tsv head cap kind n lost p99 v
+    head=$(sed -n 's/^# //p' "$tsv" | head -n 1)
+    cap=$(($(awk '/^# timeout/ { print $3; exit }' "$tsv") * 1000))
+    show() { awk -v ms="$1" -v cap="$cap" 'BEGIN { printf "%s%.1f s", (ms >= cap ? ">" : ""), ms / 1000 }'; }
+    {
+        echo "| fault | trials | delivered | median | p99 | max |"
+        echo "|---|---|---|---|---|---|"
+        for kind in $(grep -v '^#' "$tsv" | cut -f1 | uniq); do
+            mapfile -t v < <(awk -F'\t' -v k="$kind" -v cap="$cap" \
+                '$1 == k { print ($3 < 0 ? cap : $3) }' "$tsv" | sort -n)
+            n=${#v[@]}
+            lost=$(awk -F'\t' -v k="$kind" '$1 == k && $3 < 0' "$tsv" | wc -l)
+            p99=$(((n * 99 + 99) / 100))
+            echo "| $kind | $n | $((n - lost)) | $(show "${v[$(((n - 1) / 2))]}") |" \
+                "$(show "${v[$((p99 - 1))]}") | $(show "${v[$((n - 1))]}") |"
+        done
+        echo
+        echo "$head"
+    } | tee "$results/$name.md"
+}
+if [ "$mode" = render ]; then
+    render
+    exit
+fi
 
 if [ -z "${D627_NETNS:-}" ]; then
     # shellcheck disable=SC2086  # the kinds are words
@@ -108,10 +141,10 @@ ip link add d627r0 type dummy 2>/dev/null || ip link add d627r0 type ifb
 ip link set d627r0 up
 ip addr add 127.0.0.2/32 dev d627r0
 
-"$bin/d627-sandbox" --http-port "$http_port" --push-port "$push_port" --push-host 127.0.0.2 \
-    </dev/null >"$sandbox_log" 2>&1 &
+"$bin/d627-sandbox" --http-port "$http_port" --push-port "$push_port" </dev/null >"$sandbox_log" 2>&1 &
 sandbox_pid=$!
 wait_until 10 grep -q "ready:" "$sandbox_log" || { echo "reallink: the sandbox did not start" >&2; exit 1; }
+ctl "push?host=127.0.0.2"
 mkfifo "$work/mainapp.in"
 "$bin/d627-mainapp" --daemon "$bin/d627" --loglevel 1 --lockfile "$TMPDIR/mainapp.lock" \
     <"$work/mainapp.in" >"$mainapp_log" 2>&1 &
@@ -121,7 +154,8 @@ wait_until 60 running_after 0 || { echo "reallink: the daemon did not reach its 
 
 mkdir -p "$results"
 tsv=$results/$name.tsv
-: >"$tsv"
+printf '# timeout %s s, %s trial(s) per kind, MTU 1500, %s\n' "$timeout" "$trials" \
+    "$(date -u '+%Y-%m-%d %H:%M UTC')" >"$tsv"
 for kind in $kinds; do
     echo "== $kind: $trials trial(s)"
     for trial in $(seq "$trials"); do
@@ -184,22 +218,4 @@ for kind in $kinds; do
 done
 tc qdisc del dev lo root 2>/dev/null || true
 
-# Per kind, nearest-rank percentiles; a lost trial counts as the timeout.
-show() { # milliseconds -> seconds, ">" for the timeout
-    awk -v ms="$1" -v cap=$((timeout * 1000)) 'BEGIN { printf "%s%.1f s", (ms >= cap ? ">" : ""), ms / 1000 }'
-}
-{
-    echo "| fault | trials | delivered | median | p99 | max |"
-    echo "|---|---|---|---|---|---|"
-    for kind in $kinds; do
-        mapfile -t v < <(awk -F'\t' -v k="$kind" -v cap=$((timeout * 1000)) \
-            '$1 == k { print ($3 < 0 ? cap : $3) }' "$tsv" | sort -n)
-        n=${#v[@]}
-        [ "$n" -gt 0 ] || continue
-        lost=$(awk -F'\t' -v k="$kind" '$1 == k && $3 < 0' "$tsv" | wc -l)
-        p99=$(((n * 99 + 99) / 100))
-        echo "| $kind | $n | $((n - lost)) | $(show "${v[$(((n - 1) / 2))]}") | $(show "${v[$((p99 - 1))]}") | $(show "${v[$((n - 1))]}") |"
-    done
-    echo
-    echo "$trials trial(s) per kind, MTU 1500, timeout ${timeout} s, $(date -u '+%Y-%m-%d %H:%M UTC')"
-} | tee "$results/$name.md"
+render

@@ -19,9 +19,6 @@
 
 namespace {
 
-// Enough for a burst of link and address events; a larger burst is reported as ENOBUFS and then
-// handled by looking the address up afresh.
-constexpr int kReceiveBufferBytes = 256 * 1024;
 // Reads per notifier activation, so that a flood of events cannot starve the event loop; the
 // notifier fires again while data is left.
 constexpr int kMaxReadsPerWakeUp = 64;
@@ -107,7 +104,12 @@ int setPushSocketOptions(qintptr fd, const PushSocketTimes& times)
     return 0;
 }
 
-NetworkWatch::NetworkWatch(QObject* parent) : QObject(parent) {}
+// The default buffer holds a burst of link and address events; a larger burst is reported as
+// ENOBUFS and then handled by looking the address up afresh.
+NetworkWatch::NetworkWatch(QObject* parent, int receiveBufferBytes)
+    : QObject(parent), m_receiveBufferBytes(receiveBufferBytes)
+{
+}
 
 NetworkWatch::~NetworkWatch()
 {
@@ -158,8 +160,8 @@ int NetworkWatch::openSocket()
                       qPrintable(qt_error_string(errno)));
         return -1;
     }
-    const int size = kReceiveBufferBytes;
-    ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size)); // best effort
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &m_receiveBufferBytes,
+                 sizeof(m_receiveBufferBytes)); // best effort
     sockaddr_nl local{};
     local.nl_family = AF_NETLINK;
     local.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
@@ -177,6 +179,7 @@ int NetworkWatch::openSocket()
 
 void NetworkWatch::closeSocket()
 {
+    ++m_generation;
     if (m_notifier) {
         m_notifier->setEnabled(false);
         delete m_notifier;
@@ -191,7 +194,9 @@ void NetworkWatch::closeSocket()
 void NetworkWatch::onNetlinkReadable()
 {
     alignas(nlmsghdr) char buffer[16384];
-    for (int reads = 0; reads < kMaxReadsPerWakeUp && isWatching(); ++reads) {
+    // A slot of pathLost() may watch again: what is left of this read is not for that watch.
+    const quint32 generation = m_generation;
+    for (int reads = 0; reads < kMaxReadsPerWakeUp && m_generation == generation; ++reads) {
         sockaddr_nl from{};
         iovec part{buffer, sizeof(buffer)};
         msghdr header{};
@@ -211,8 +216,9 @@ void NetworkWatch::onNetlinkReadable()
             logger()->Msg(kLogImportant, "network watch: events lost (%s), checking %s again",
                           qPrintable(why), qPrintable(m_address.toString()));
             recheck();
-            if (got < 0 && error != ENOBUFS)
-                return;
+            // Any other error would come back at every wake-up: give the watch up as lost.
+            if (got < 0 && error != ENOBUFS && m_generation == generation)
+                lose(QStringLiteral("events unreadable: %1").arg(why));
             continue;
         }
         if (from.nl_pid != 0)
@@ -223,7 +229,8 @@ void NetworkWatch::onNetlinkReadable()
             const auto* message = reinterpret_cast<const nlmsghdr*>(at);
             if (message->nlmsg_len < sizeof(nlmsghdr) || message->nlmsg_len > left)
                 break; // a malformed message: the rest of this read cannot be trusted
-            if (!handleMessage(message))
+            handleMessage(message);
+            if (m_generation != generation)
                 return;
             const size_t step = NLMSG_ALIGN(message->nlmsg_len);
             if (step >= left)
@@ -234,7 +241,7 @@ void NetworkWatch::onNetlinkReadable()
     }
 }
 
-bool NetworkWatch::handleMessage(const nlmsghdr* message)
+void NetworkWatch::handleMessage(const nlmsghdr* message)
 {
     switch (message->nlmsg_type) {
     case RTM_DELADDR:
@@ -247,7 +254,6 @@ bool NetworkWatch::handleMessage(const nlmsghdr* message)
     default:
         break; // new addresses, errors, no-ops: nothing is lost by them
     }
-    return isWatching();
 }
 
 void NetworkWatch::handleAddress(const nlmsghdr* message, bool deleted)

@@ -30,7 +30,7 @@ struct PushSocketTimes
     int userTimeoutMs = 25000;
     int keepIdleSeconds = 45;
     int keepIntervalSeconds = 10;
-    int keepCount = 4; // used by kernels that judge keepalive by count, i.e. with no user timeout
+    int keepCount = 4; // unanswered probes that end the connection when no user timeout is set
 };
 
 // Sets TCP_USER_TIMEOUT (skipped when times.userTimeoutMs <= 0) and keepalive on a connected TCP
@@ -41,7 +41,10 @@ class NetworkWatch : public QObject
 {
     Q_OBJECT
 public:
-    explicit NetworkWatch(QObject* parent = nullptr);
+    // Bytes of events the kernel may queue for us; more are dropped and reported as lost.
+    static constexpr int kReceiveBufferBytes = 256 * 1024;
+
+    explicit NetworkWatch(QObject* parent = nullptr, int receiveBufferBytes = kReceiveBufferBytes);
     ~NetworkWatch() override;
 
     // Starts watching `localAddress` (an IPv4-mapped IPv6 address counts as IPv4): finds the
@@ -65,15 +68,16 @@ private slots:
 private:
     int openSocket();
     void closeSocket();
-    // Returns false when the rest of the read must be dropped (the watch ended).
-    bool handleMessage(const nlmsghdr* message);
+    void handleMessage(const nlmsghdr* message);
     void handleAddress(const nlmsghdr* message, bool deleted);
     void handleLink(const nlmsghdr* message, bool deleted);
     // After lost events: is the address still on a live interface?
     void recheck();
     void lose(const QString& reason);
 
+    int m_receiveBufferBytes;
     int m_fd = -1;
+    quint32 m_generation = 0; // counts closed sockets: a read ends when its socket is closed
     QSocketNotifier* m_notifier = nullptr;
     QHostAddress m_address;
     int m_interfaceIndex = 0;

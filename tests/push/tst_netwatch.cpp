@@ -3,8 +3,9 @@
 // link events; setPushSocketOptions makes the kernel fail a connection whose path died in
 // silence. Both on real sockets, in a network namespace of the test's own.
 
-#include "core/log.h"
+#include "core/constants.h"
 #include "linkfaults.h"
+#include "logcapture.h"
 #include "push/client_netwatch.h"
 
 #include <QElapsedTimer>
@@ -43,6 +44,7 @@ private:
     }
 
     LinkFaults m_faults;
+    LogCapture m_log;
     QTcpServer m_server;
     QTcpSocket m_client;
     QTcpSocket* m_peer = nullptr;
@@ -50,7 +52,7 @@ private:
 private slots:
     void initTestCase()
     {
-        LogManager::getInstance();
+        m_log.start(kLogProgress);
         if (!LinkFaults::inPrivateNamespace())
             QSKIP("needs a network namespace of its own (tests/support/netns.sh)");
         if (m_faults.addDummy("d627probe") != 0)
@@ -131,6 +133,22 @@ private slots:
         QCOMPARE(lost.count(), 1);
     }
 
+    void lostEventsAreLookedUpAfresh()
+    {
+        // A burst larger than the smallest receive buffer: the kernel drops events, the removal
+        // of the watched address among them, and the watch looks the address up instead.
+        NetworkWatch watch(nullptr, 1);
+        QSignalSpy lost(&watch, &NetworkWatch::pathLost);
+        QCOMPARE(watch.watch(QHostAddress("127.0.0.2")), 0);
+        QByteArray burst;
+        for (int i = 1; i <= 200; ++i)
+            burst += QByteArray("addr add 127.0.1.") + QByteArray::number(i) + "/32 dev d627t1\n";
+        QCOMPARE(m_faults.run("ip", {"-batch", "-"}, burst), 0);
+        QCOMPARE(act("del-addr d627t0 127.0.0.2/32"), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(lost.count(), 1, 30000);
+        QVERIFY(m_log.contains("network watch: events lost"));
+    }
+
     void watchNeedsAnAddressOfThisHost()
     {
         NetworkWatch watch;
@@ -171,6 +189,7 @@ private slots:
                  0);
         QSignalSpy failed(&m_client, &QAbstractSocket::errorOccurred);
         const quint16 port = m_client.localPort();
+        QCOMPARE(LinkFaults::clientPorts(m_server.serverPort()), QList<quint16>{port});
         QVERIFY2(m_faults.blackHole(port) == 0, qPrintable(m_faults.lastError()));
         if (bytesInFlight > 0) {
             since.start();

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "linkfaults.h"
 
+#include <QFile>
 #include <QHostAddress>
 #include <QPair>
 #include <QProcess>
@@ -90,6 +91,25 @@ int LinkFaults::clearBlackHole(quint16 clientPort)
         return 0;
     return run("nft",
                {"delete", "element", "inet", kTable, "holes", QString("{ %1 }").arg(clientPort)});
+}
+
+QList<quint16> LinkFaults::clientPorts(quint16 serverPort)
+{
+    // Lines: "sl local_address rem_address st ...", addresses as HEXIP:HEXPORT, st 01 established.
+    QList<quint16> ports;
+    QFile table("/proc/net/tcp");
+    if (!table.open(QIODevice::ReadOnly))
+        return ports;
+    table.readLine();
+    while (!table.atEnd()) {
+        const QList<QByteArray> fields = table.readLine().simplified().split(' ');
+        if (fields.size() < 4 || fields.at(3) != "01")
+            continue;
+        bool ok = false;
+        if (fields.at(2).mid(fields.at(2).indexOf(':') + 1).toUShort(&ok, 16) == serverPort && ok)
+            ports << fields.at(1).mid(fields.at(1).indexOf(':') + 1).toUShort(nullptr, 16);
+    }
+    return ports;
 }
 
 int LinkFaults::addDummy(const QString& name)

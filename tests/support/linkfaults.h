@@ -8,6 +8,7 @@
 // private namespace. What an object made (its dummy interfaces, its nft table) goes with it.
 
 #include <QByteArray>
+#include <QList>
 #include <QString>
 #include <QStringList>
 
@@ -27,6 +28,9 @@ public:
     // ways, so that it goes silent as after a move to another network; other connections work.
     int blackHole(quint16 clientPort);
     int clearBlackHole(quint16 clientPort);
+    // Client ports of the established IPv4 TCP connections to `serverPort` in this namespace
+    // (from /proc/net/tcp), e.g. the daemon's live push connection to black-hole.
+    static QList<quint16> clientPorts(quint16 serverPort);
 
     int addDummy(const QString& name); // an interface without traffic of its own (dummy), up
     int removeDummy(const QString& name);

@@ -8,6 +8,7 @@
 # segments); D627_LINK_RATE=256kbit caps it with a token bucket (burst D627_LINK_BURST, default
 # two segments, queue up to D627_LINK_LATENCY, default 2s).
 set -euo pipefail
+# shellcheck disable=SC2016  # expanded by the shell inside the namespace
 exec unshare -n bash -c '
 set -e
 ip link set lo up

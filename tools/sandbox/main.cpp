@@ -7,7 +7,6 @@
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
-#include <QHostAddress>
 #include <QSocketNotifier>
 #include <cerrno>
 #include <unistd.h>
@@ -74,11 +73,7 @@ int main(int argc, char** argv)
                                     "Set-Cookie value sent with every status answer, e.g. "
                                     "\"PHPSESSID=abc; path=/\".",
                                     "value");
-    const QCommandLineOption pushHost("push-host",
-                                      "Address of the push server, in 127.0.0.0/8 (default "
-                                      "127.0.0.1), e.g. one on an interface of a test's own.",
-                                      "address", "127.0.0.1");
-    parser.addOptions({httpPort, pushPort, https, cookie, pushHost});
+    parser.addOptions({httpPort, pushPort, https, cookie});
     parser.process(app);
 
     bool httpOk = false;
@@ -91,10 +86,6 @@ int main(int argc, char** argv)
     }
 
     Sandbox sandbox;
-    if (!sandbox.setPushHost(QHostAddress(parser.value(pushHost)))) {
-        Sandbox::say(QStringLiteral("the push host must be an address of 127.0.0.0/8"));
-        return 2;
-    }
     if (parser.isSet(cookie))
         sandbox.setCookie(parser.value(cookie).toUtf8());
     if (!sandbox.start(quint16(http), quint16(push), parser.isSet(https)))

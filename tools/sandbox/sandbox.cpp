@@ -404,7 +404,13 @@ QByteArray Sandbox::control(const QByteArray& command, const Params& params)
     }
     if (command == "push") {
         const QByteArray mode = params.value("mode");
-        if (params.contains("once")) {
+        if (params.contains("host")) {
+            // Another loopback address for the push server (same port); the address service
+            // hands it out from now on. Open connections are dropped.
+            if (!m_push.setHost(QHostAddress(QString::fromLatin1(params.value("host")))) ||
+                !m_push.listen(m_push.port()))
+                return failure("push host is an address of 127.0.0.0/8 with the port free");
+        } else if (params.contains("once")) {
             m_push.setDropOnce(params.value("once"));
         } else if (mode == "normal") {
             m_push.setSilent(false);
@@ -414,7 +420,9 @@ QByteArray Sandbox::control(const QByteArray& command, const Params& params)
         } else if (mode == "refuse") {
             m_push.setRefuseConnections(true);
         } else {
-            return failure("push mode is normal, silent or refuse, or once=login|query|answered");
+            return failure(
+                "push mode is normal, silent or refuse, or once=login|query|answered, or "
+                "host=127.0.0.N");
         }
         return compact({{"ok", true}});
     }
@@ -437,7 +445,8 @@ QByteArray Sandbox::control(const QByteArray& command, const Params& params)
               "avatar url=U [size=N] | vip level=N expire=S | message t=T | notice [id=N] | drop | "
               "logout [message] | sso mode=ok|logout|error|slow|drop [message= status= delay=] | "
               "address mode=ok|down|state0|bad|drop|refused | push mode=normal|silent|refuse | "
-              "push once=login|query|answered | raw hex=H [split=N] | rsp [magic=KOOS] [seq=N] "
+              "push once=login|query|answered | push host=127.0.0.N | raw hex=H [split=N] | rsp "
+              "[magic=KOOS] [seq=N] "
               "[z=1] [text=T|hex=H] [seal=0] [len=N|+N|-N] | http path=P [status=S] "
               "[body=text|empty|drop|hang|size:N] (neither: back to normal) | http listen=0|1 | "
               "cookie [Set-Cookie value] | status | quit. avatar, vip, message and logout drop the "

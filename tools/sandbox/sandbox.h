@@ -42,9 +42,6 @@ public:
     // "sso mode=error status=503", "logout kicked by another device") into a command.
     QByteArray controlLine(const QByteArray& line);
     void setCookie(const QByteArray& setCookieValue) { m_cookie = setCookieValue; }
-    // The push server's address, handed out by the address service: 127.0.0.1 unless set to
-    // another address of 127.0.0.0/8 (false otherwise). Before start().
-    bool setPushHost(const QHostAddress& host) { return m_push.setHost(host); }
 
     static void say(const QString& text); // one timestamped, flushed line on stdout
 
