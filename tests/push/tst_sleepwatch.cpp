@@ -69,17 +69,6 @@ private slots:
         }
     }
 
-    void realClocksAwake()
-    {
-        // Awake, the real clocks move together: nothing slept over a few ticks of work.
-        SleepWatch watch;
-        QElapsedTimer spin;
-        spin.start();
-        while (spin.elapsed() < 20) {
-        }
-        QVERIFY(!watch.sleptSince());
-    }
-
     void deadline_data()
     {
         QTest::addColumn<int>("ms");
