@@ -336,8 +336,8 @@ void MsgClient::CloseSocket()
 void MsgClient::freeClosedSockets()
 {
     const QList<ClientTcpSocket*> closed = std::exchange(m_closedSockets, {});
-    for (ClientTcpSocket* socket : closed)
-        socket->deleteLater();
+    for (ClientTcpSocket* closedSocket : closed)
+        closedSocket->deleteLater();
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -258,12 +258,12 @@ private:
     QString m_pushAddressUrl;
     QString m_ssoStatusUrl;
     int m_lastReconnectWaitMs = 0;
-    QTimer* m_runTimer = nullptr;         // the pending step, single-shot
-    QTimer* m_reconnectTimer = nullptr;   // the back-off before a restart, single-shot
-    quint64 m_connection = 0;             // see LinkPoint
-    StatusCheck* m_statusCheck = nullptr; // the status check waiting for its answer, if any
-    NetworkWatch* m_netWatch = nullptr;   // the current connection's address and link
-    SleepWatch m_sleepWatch;              // a suspend since the connection was made
-    int m_socketUseDepth = 0;             // SocketInUse objects alive
+    QTimer* m_runTimer = nullptr;            // the pending step, single-shot
+    QTimer* m_reconnectTimer = nullptr;      // the back-off before a restart, single-shot
+    quint64 m_connection = 0;                // see LinkPoint
+    StatusCheck* m_statusCheck = nullptr;    // the status check waiting for its answer, if any
+    NetworkWatch* m_netWatch = nullptr;      // the current connection's address and link
+    SleepWatch m_sleepWatch;                 // a suspend since the connection was made
+    int m_socketUseDepth = 0;                // SocketInUse objects alive
     QList<ClientTcpSocket*> m_closedSockets; // closed inside a socket signal, freed after it
 };

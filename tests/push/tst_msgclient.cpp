@@ -476,9 +476,8 @@ private slots:
         QTest::addColumn<int>("step");      // the process step afterwards
         QTest::addColumn<bool>("netTimer"); // the network-error timer runs afterwards
         const QString answer149 = R"({"code":0,"data":{"list":[{"t":599999,"data":{"t":149}}]}})";
-        const QStringList none;
         const int login = kStepLogin;
-        QTest::newRow("plain check") << "check" << none << 200 << 1 << false << 0 << false;
+        QTest::newRow("plain check") << "check" << QStringList() << 200 << 1 << false << 0 << false;
         QTest::newRow("newer check")
             << "check" << QStringList{"check"} << 200 << 2 << false << 0 << false;
         QTest::newRow("newer reconnecting check")
@@ -493,11 +492,12 @@ private slots:
             << "connect" << QStringList{"restart"} << 200 << 1 << false << 0 << false;
         QTest::newRow("restart, then a failure")
             << "connect" << QStringList{"restart", "connect"} << 200 << 2 << true << 0 << false;
-        QTest::newRow("failed check") << "connect" << none << 500 << 1 << false << 0 << true;
+        QTest::newRow("failed check")
+            << "connect" << QStringList() << 500 << 1 << false << 0 << true;
         QTest::newRow("failed check, restart meanwhile")
             << "connect" << QStringList{"restart"} << 500 << 1 << false << 0 << false;
         QTest::newRow("answer moves on")
-            << answer149 << none << 200 << 1 << false << login << false;
+            << answer149 << QStringList() << 200 << 1 << false << login << false;
         QTest::newRow("answer, restart meanwhile")
             << answer149 << QStringList{"restart"} << 200 << 1 << false << 0 << false;
     }
