@@ -62,8 +62,8 @@ int main(int argc, char** argv)
     parser.setApplicationDescription(
         "Local stand-ins for the push-address service, the single-sign-on status service and the "
         "push server, all on 127.0.0.1. Commands (stdin lines or GET /control/<command>?...): "
-        "avatar, vip, message, notice, drop, logout, sso, address, push, cookie, status, quit, "
-        "help.");
+        "avatar, vip, message, notice, drop, logout, sso, address, push, cookie, clear, status, "
+        "quit, help.");
     parser.addHelpOption();
     parser.addVersionOption();
     const QCommandLineOption httpPort("http-port", "Port of both HTTP services.", "port", "18627");

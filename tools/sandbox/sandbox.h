@@ -89,11 +89,13 @@ private:
     int m_ssoErrorStatus = 500;
     int m_ssoDelayMs = 5000;
     AddressMode m_addressMode = AddressMode::Ok;
-    QByteArray m_cookie;  // Set-Cookie value sent with every status answer; empty: none
-    QJsonArray m_pending; // items for the next first query answer
+    QByteArray m_cookie;   // Set-Cookie value sent with every status answer; empty: none
+    QJsonArray m_pending;  // items for the next first query answer
+    QJsonArray m_everyone; // items for the first query answer of every connection ("every=1")
     quint32 m_nextNoticeId = 1;
     QMap<QByteArray, HttpStubResponse> m_overrides; // by path
     quint16 m_httpPort = 0;
+    quint16 m_pushPort = 0;
     bool m_tls = false;
     quint16 m_refusedPort = 0; // a port on 127.0.0.1 that nobody listens on
 };

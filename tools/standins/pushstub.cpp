@@ -4,6 +4,7 @@
 #include <QMutexLocker>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <algorithm>
 
 namespace {
 
@@ -256,6 +257,19 @@ int PushStub::dropConnections()
         connection->socket->disconnectFromHost();
     }
     return connections.size();
+}
+
+int PushStub::dropOldest(int count)
+{
+    QList<Connection*> connections = liveConnections();
+    std::sort(connections.begin(), connections.end(),
+              [](const Connection* a, const Connection* b) { return a->number < b->number; });
+    const int dropped = qBound(0, count, int(connections.size()));
+    for (int i = 0; i < dropped; ++i) {
+        connections.at(i)->closing = true;
+        connections.at(i)->socket->disconnectFromHost();
+    }
+    return dropped;
 }
 
 void PushStub::onNewConnection()

@@ -96,6 +96,9 @@ public:
     int sendHeartbeat();
     int sendRaw(const QByteArray& bytes);
     int dropConnections();
+    // Drops the `count` longest-open connections (the lowest numbers), as one slice of a rolling
+    // restart.
+    int dropOldest(int count);
 
     int openConnections() const;
     int acceptedCount() const { return m_accepted; }
