@@ -51,7 +51,9 @@ def read_sandbox(raw, reference_ms):
             t = day + ((int(h) * 60 + int(mi)) * 60 + int(s)) * 1000 + int(ms)
             if t < reference_ms - 43200000:
                 t += 86400000
-            if text.startswith("http  GET /app/1.0/linux/5.0.1/check/sso"):
+            if text.startswith("ctl   "):
+                events.append((t, "ctl", text[6:]))
+            elif text.startswith("http  GET /app/1.0/linux/5.0.1/check/sso"):
                 events.append((t, "status", None))
             elif text.startswith("http  POST /get_tcp_server"):
                 events.append((t, "address", None))
@@ -78,6 +80,16 @@ def read_sandbox(raw, reference_ms):
     return events
 
 
+def mono_offset_ms(raw):
+    """How far the monotonic clock is ahead of the wall clock, modulo one second."""
+    with open(os.path.join(raw, "apps.log"), errors="replace") as f:
+        for line in f:
+            parts = line.split()
+            if len(parts) == 4 and parts[1] == "clocks":
+                return ((int(parts[3]) - int(parts[2])) // 1000) % 1000
+    return 0
+
+
 def read_apps(raw):
     messages, procs = [], []
     with open(os.path.join(raw, "apps.log"), errors="replace") as f:
@@ -98,17 +110,34 @@ def answered_since(raw, since):
     return len({u for t, k, u in events if k == "answered" and t >= since and u is not None})
 
 
-def scenarios(marks):
-    """name -> {event: ms (first), 'slices': [...]} in the order played."""
+def scenarios(marks, events):
+    """name -> {event: ms (first), 'slices': [...]} in the order played. The moments the push
+    server closed, opened and dropped are taken from the sandbox's own log of the commands."""
     out = collections.OrderedDict()
     for t, name, event in marks:
         if name == "bench":
             continue
         s = out.setdefault(name, {"slices": []})
-        if event == "slice":
-            s["slices"].append(t)
-        else:
+        if event != "slice":
             s.setdefault(event, t)
+    ctl = [(t, text) for t, k, text in events if k == "ctl"]
+    for name, s in out.items():
+        if "begin" not in s or "end" not in s:
+            continue
+        mine = [(t, text) for t, text in ctl if s["begin"] <= t <= s["end"]]
+        closed = [t for t, text in mine if text.startswith("push listen=0")]
+        opened = [t for t, text in mine if text.startswith("push listen=1")]
+        slices = [t for t, text in mine if text.startswith("drop count=")]
+        back = [t for t, text in mine if text.startswith("sso mode=ok")]
+        if closed:
+            s["fail"] = closed[0]
+        if opened:
+            s["restore"] = opened[0]
+        if slices:
+            s["slices"] = slices
+            s["fail"] = slices[0]
+        if back and name == "d-failing":
+            s["status-back"] = back[0]
     return out
 
 
@@ -119,6 +148,20 @@ def percentile(values, p, total):
     rank = max(1, math.ceil(p * total))
     v = sorted(values)
     return v[rank - 1] / 1000.0 if rank <= len(v) else None
+
+
+def human(x):
+    x = float(x)
+    for div, unit in ((1e6, "M"), (1e3, "k")):
+        if x >= div:
+            v = x / div
+            return f"{v:.2f}{unit}" if v < 10 else f"{v:.1f}{unit}" if v < 100 else f"{v:.0f}{unit}"
+    return f"{x:.0f}"
+
+
+def peak_cells(r, kinds):
+    """Busiest second / busiest 100 ms as a rate, per service."""
+    return [f"{human(r[k + '_peak_second'])} / {human(r[k + '_peak_bin_per_s'])}" for k in kinds]
 
 
 def fmt(x, digits=1):
@@ -146,12 +189,22 @@ def measure(name, s, events, messages, count):
     return bins, recovered, reached
 
 
-def per_second(bins, lead_bins, kind):
-    """Counts per whole second from the failure on (bins before it dropped)."""
+def per_second(bins, lead_bins, kind, shift=0):
+    """Counts per second from the failure on (bins before it dropped), the seconds starting
+    `shift` bins after it."""
     out = []
-    for b in range(lead_bins, len(bins), 1000 // BIN_MS):
+    for b in range(lead_bins + shift, len(bins), 1000 // BIN_MS):
         out.append(sum(x[kind] for x in bins[b:b + 1000 // BIN_MS]))
     return out
+
+
+def grid_shift(fail_ms, offset):
+    """The daemons' timers land on the 500 ms grid of the monotonic clock (plus a few ms): the
+    seconds of the comparison start midway between two grid points, so that no wave is cut in
+    two by a second's edge. Returns the shift after the failure in bins."""
+    grid = (-offset) % 500                      # wall-clock phase of the grid
+    target = (grid + 250) % 500
+    return round(((target - fail_ms % 1000) % 500) / BIN_MS) % (500 // BIN_MS)
 
 
 def write_table(path, bins, recovered_at_bins=None, header_extra=""):
@@ -181,7 +234,7 @@ def run_model(model, args):
     return dict(kv.split("=") for kv in out.split())
 
 
-def model_args(name, s, count):
+def model_args(name, s, count, offset):
     """The model's replay of one measured scenario."""
     kind, down = "restart", 0.0
     extra = []
@@ -200,16 +253,16 @@ def model_args(name, s, count):
         back = (s.get("status-back", s["fail"] + 30000) - s["fail"]) / 1000.0
         extra += ["--status-fail", f"0:{back}"]
     return ["--kind", kind, "--count", str(count), "--down", f"{down:.3f}",
-            "--fail-ms", str(s["fail"] % 1000)] + extra
+            "--fail-ms", str(s["fail"] % 1000), "--mono-offset-ms", str(offset)] + extra
 
 
-def agreement(measured, modelled, lead_bins):
+def agreement(measured, modelled, lead_bins, shift=0):
     """Per kind: arrivals in a different second than measured, as a share of all (half the L1
     distance), and the busiest second of both."""
     out = {}
     for k in KINDS:
-        m = per_second(measured, lead_bins, k)
-        s = per_second(modelled, lead_bins, k)
+        m = per_second(measured, lead_bins, k, shift)
+        s = per_second(modelled, lead_bins, k, shift)
         n = min(len(m), len(s))
         m, s = m[:n], s[:n]
         total = sum(m)
@@ -231,6 +284,7 @@ def main():
     ap.add_argument("--results")
     ap.add_argument("--model")
     ap.add_argument("--quick", action="store_true")
+    ap.add_argument("--no-sweep", action="store_true", help="only the comparison with the model")
     a = ap.parse_args()
     if a.answered_since is not None:
         print(answered_since(a.raw, a.answered_since))
@@ -242,11 +296,14 @@ def main():
 def report(a):
     raw, res = a.raw, a.results
     os.makedirs(res, exist_ok=True)
+    for old in os.listdir(res):  # what an earlier run wrote
+        if old.endswith((".tsv", ".svg", ".txt")) or old == "summary.md":
+            os.remove(os.path.join(res, old))
     count = int(open(os.path.join(raw, "count")).read())
     marks = read_marks(raw)
     events = read_sandbox(raw, marks[0][0])
     messages, procs = read_apps(raw)
-    sc = scenarios(marks)
+    sc = scenarios(marks, events)
     lead_bins = LEAD_MS // BIN_MS
     lines = []
     say = lines.append
@@ -255,8 +312,8 @@ def report(a):
         ", one 2-core machine shared with other work; daemons, sandbox and the main-application "
         "stand-in all on it.\n")
     say("## Measured\n")
-    say("Peak: the busiest 100 ms as requests per second / the busiest whole second (counted "
-        "from the failure). Recovery: time from the failure until 50 %, 99 % and 100 % of the "
+    say("Every service cell: requests in the busiest whole second (seconds counted from the "
+        "failure) / in the busiest 100 ms, as a rate per second. Recovery: time from the failure until 50 %, 99 % and 100 % of the "
         "daemons whose connection was closed had their query answered again. Avatar: main "
         "applications that got the change queued at the failure, and when the last one got it.\n")
     say("| scenario | status | address | connect | login | query | heartbeat | recovery p50 / p99 / p100 (s) | avatar |")
@@ -280,7 +337,7 @@ def report(a):
         for k in KINDS:
             pb = max(x[k] for x in bins) * (1000 // BIN_MS)
             ps = max(per_second(bins, lead_bins, k) or [0])
-            peaks.append(f"{pb} / {ps}")
+            peaks.append(f"{ps} / {pb}")
         if name.startswith("b-"):
             recovery = f"{len(rec)} reconnected"
         else:
@@ -307,14 +364,15 @@ def report(a):
     if not a.model:
         print("\n".join(lines))
         return
-    model_section(a, res, count, sc, measured, lead_bins, say)
+    model_section(a, res, count, sc, measured, lead_bins, say, events)
     with open(os.path.join(res, "summary.md"), "w") as f:
         f.write("\n".join(lines) + "\n")
     print("\n".join(lines))
 
 
-def model_section(a, res, count, sc, measured, lead_bins, say):
+def model_section(a, res, count, sc, measured, lead_bins, say, events):
     model = a.model
+    offset = mono_offset_ms(a.raw)
     say("\n## The model against the measurement\n")
     say(f"The model replays each scenario for {count} daemons with the failure at the same "
         "sub-second phase of the wall clock (the back-off reads whole seconds). Per service: "
@@ -326,9 +384,21 @@ def model_section(a, res, count, sc, measured, lead_bins, say):
     for name, (bins, rec, _) in measured.items():
         s = sc[name]
         table = os.path.join(res, f"model-{name}.tsv")
-        summary = run_model(model, model_args(name, s, count) + ["--table", table])
+        extra = []
+        if name.startswith("b-"):
+            # The heartbeat phases as they were: each daemon's last heartbeat before the hole.
+            last = {}
+            for t, k, u in events:
+                if k == "heartbeat" and u is not None and t < s["fail"]:
+                    last[u] = t
+            hb = os.path.join(res, f"model-{name}-heartbeats.txt")
+            with open(hb, "w") as f:
+                for u in sorted(last):
+                    f.write(f"{(last[u] - s['fail']) / 1000.0:.3f}\n")
+            extra = ["--heartbeats", hb]
+        summary = run_model(model, model_args(name, s, count, offset) + extra + ["--table", table])
         modelled = read_model_table(table)
-        ag = agreement(bins, modelled, lead_bins)
+        ag = agreement(bins, modelled, lead_bins, grid_shift(s["fail"], offset))
         cells = []
         for k in KINDS:
             if k not in ag:
@@ -344,13 +414,16 @@ def model_section(a, res, count, sc, measured, lead_bins, say):
         say(f"| {name} | " + " | ".join(cells) + f" | {meas} | {mod} |")
         chart(res, name, count)
 
+    if a.no_sweep:
+        return
     # The fleet sizes the bench cannot reach.
     sizes = [10**4, 10**5] if a.quick else [10**4, 10**5, 10**6, 10**7]
     say("\n## Modelled for large fleets\n")
-    say("Each desktop has its own processor; the services answer in 3 ms (status, address) and "
-        "2 ms (push) whatever the load, so these are the arrivals the services must take, not "
-        "what a saturated service would let through. Peak: busiest 100 ms as requests per "
-        "second; recovery p50 / p99 / p100 in seconds from the failure.\n")
+    say("Each desktop has its own processor and its own clock (Qt rounds the daemon's timers "
+        "on it); the services answer in 3 ms (status, address) and 2 ms (push) whatever the "
+        "load, so these are the arrivals the services must take, not what a saturated service "
+        "would let through. Every service cell: requests in the busiest second / the busiest "
+        "100 ms as a rate per second. Recovery p50 / p99 / p100 in seconds from the failure.\n")
     say("| scenario | daemons | status | address | connect | login | query | recovery (s) |")
     say("|---|---|---|---|---|---|---|---|")
     plays = [("a-0", ["--kind", "restart", "--down", "0"]),
@@ -366,42 +439,43 @@ def model_section(a, res, count, sc, measured, lead_bins, say):
         for n in sizes:
             if n >= 10**7 and name not in ("a-10", "c"):
                 continue
-            r = run_model(model, args + ["--count", str(n), "--fail-ms", "500"])
+            r = run_model(model, args + ["--count", str(n), "--fail-ms", "500", "--own-clocks", "1"])
             big[(name, n)] = r
             rec = " / ".join(fmt(float(r[f"recovery_p{p}"])) if float(r[f"recovery_p{p}"]) >= 0 else "-"
                              for p in ("50", "99", "100")) if name != "b-60" else "-"
-            cells = [f"{float(r[k + '_peak_bin_per_s']):,.0f}" for k in KINDS[:5]]
-            say(f"| {name} | {n:,} | " + " | ".join(cells) + f" | {rec} |")
+            say(f"| {name} | {n:,} | " + " | ".join(peak_cells(r, KINDS[:5])) + f" | {rec} |")
 
     # The spread of the moment each daemon notices the failure.
     n = 10**5 if a.quick else 10**6
     say(f"\n## Spread at the moment of failure ({n:,} daemons, restart with the port refusing 10 s)\n")
     say("The daemons notice the closed connection spread evenly over S seconds (a server that "
         "closes its connections over S seconds, or load balancers that notice at different "
-        "times). Busiest 100 ms as requests per second.\n")
+        "times). Requests in the busiest second / the busiest 100 ms as a rate.\n")
     say("| spread S (s) | status | address | connect | login | query | recovery p50 / p99 / p100 (s) |")
     say("|---|---|---|---|---|---|---|")
     with open(os.path.join(res, "model-spread.tsv"), "w") as f:
         f.write("# spread_s\tstatus\taddress\tconnect\tlogin\tquery\tp50\tp99\tp100\n")
         for spread in (0, 0.5, 1, 2, 5, 10, 30, 60):
             r = run_model(model, ["--kind", "restart", "--down", "10", "--count", str(n),
-                                  "--fail-ms", "500", "--spread", str(spread), "--horizon", "150"])
-            cells = [f"{float(r[k + '_peak_bin_per_s']):,.0f}" for k in KINDS[:5]]
+                                  "--fail-ms", "500", "--spread", str(spread), "--horizon", "150",
+                                  "--own-clocks", "1"])
             rec = [r[f"recovery_p{p}"] for p in ("50", "99", "100")]
-            say(f"| {spread} | " + " | ".join(cells) + " | " + " / ".join(
+            say(f"| {spread} | " + " | ".join(peak_cells(r, KINDS[:5])) + " | " + " / ".join(
                 fmt(float(x)) if float(x) >= 0 else "-" for x in rec) + " |")
             f.write(f"{spread}\t" + "\t".join(r[k + "_peak_bin_per_s"] for k in KINDS[:5]) + "\t"
                     + "\t".join(rec) + "\n")
 
     say(f"\n## Admission limit at the push server ({n:,} daemons, restart with the port refusing 10 s)\n")
     say("The push server accepts at most R new connections a second and refuses the rest, which "
-        "then take the daemon's back-off. Busiest 100 ms as requests per second.\n")
+        "then take the daemon's back-off. Requests in the busiest second / the busiest 100 ms as a "
+        "rate.\n")
     say("| admitted per second | status | address | connect | login | query | recovery p50 / p99 / p100 (s) |")
     say("|---|---|---|---|---|---|---|")
     for admit in (0, n // 2, n // 5, n // 10, n // 20):
         r = run_model(model, ["--kind", "restart", "--down", "10", "--count", str(n),
-                              "--fail-ms", "500", "--admit", str(admit), "--horizon", "300"])
-        cells = [f"{float(r[k + '_peak_bin_per_s']):,.0f}" for k in KINDS[:5]]
+                              "--fail-ms", "500", "--admit", str(admit), "--horizon", "300",
+                              "--own-clocks", "1"])
+        cells = peak_cells(r, KINDS[:5])
         rec = " / ".join(fmt(float(r[f"recovery_p{p}"])) if float(r[f"recovery_p{p}"]) >= 0 else "-"
                          for p in ("50", "99", "100"))
         say(f"| {'none' if admit == 0 else f'{admit:,}'} | " + " | ".join(cells) + f" | {rec} |")
@@ -409,7 +483,7 @@ def model_section(a, res, count, sc, measured, lead_bins, say):
     # Waves of a long outage for the page: 10^6 daemons, port refusing 60 s.
     table = os.path.join(res, "model-1e6-a-60.tsv")
     run_model(model, ["--kind", "restart", "--down", "60", "--count", str(n), "--fail-ms", "500",
-                      "--horizon", "100", "--table", table])
+                      "--horizon", "100", "--own-clocks", "1", "--table", table])
     gnuplot(f"""
 set terminal svg size 900,420 dynamic font "sans,11"
 set output "{res}/model-1e6-a-60.svg"

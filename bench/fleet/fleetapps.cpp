@@ -12,6 +12,7 @@
 //   <ms> linked <i>               its local link is up and the login message sent
 //   <ms> msg <i> <json>           a message from the daemon
 //   <ms> gone <i> <exit code>     the daemon ended
+//   <ms> clocks <wall us> <monotonic us>   read together at the start
 //   <ms> proc <alive> <fd min> <fd max> <fd sum> <threads min> <threads max> <threads sum>
 // The line "quit" on standard input (or SIGTERM, SIGINT) sends {"exit":true} to every daemon,
 // waits up to 5 s for them and kills whatever is left; then the program ends.
@@ -35,6 +36,7 @@
 #include <climits>
 #include <csignal>
 #include <cstdio>
+#include <ctime>
 #include <memory>
 #include <unistd.h>
 #include <vector>
@@ -100,6 +102,15 @@ public:
 
     void start()
     {
+        // The daemons' timers round their due times on the monotonic clock: its offset from the
+        // wall clock tells the model where those round times fall.
+        timespec wall{};
+        timespec mono{};
+        clock_gettime(CLOCK_REALTIME, &wall);
+        clock_gettime(CLOCK_MONOTONIC, &mono);
+        emitLine("clocks " +
+                 QByteArray::number(qint64(wall.tv_sec) * 1000000 + wall.tv_nsec / 1000) + ' ' +
+                 QByteArray::number(qint64(mono.tv_sec) * 1000000 + mono.tv_nsec / 1000));
         m_members.resize(size_t(m_count));
         for (int i = 0; i < m_count; ++i)
             QTimer::singleShot(i * m_staggerMs, this, [this, i] { startMember(i); });

@@ -32,7 +32,10 @@ enum class Ev : std::uint8_t
     PushAnswer,     // login or query answered
     Heartbeat,      // the heartbeat timer
     Watchdog,       // the heartbeat's answer watchdog
-    Slice           // the service closes a slice of connections (daemon field unused)
+    Slice,          // the service closes a slice of connections (daemon field unused)
+    StatusTry,      // the status request's connection attempt (arg: SYNs sent before)
+    AddressTry,     // the address look-up's connection attempt
+    PushTry         // the push connection attempt
 };
 
 struct Item
@@ -50,10 +53,12 @@ struct Daemon
     Micros pipeFreeAt = 0;  // when the last segment sent has reached the server
     Micros echoAt = 0;      // when the last heartbeat's echo comes back
     std::uint64_t connectionNo = 0;
+    Micros connectStart = 0; // when step 0 began
     BackoffState backoff;
-    std::uint32_t runGen = 0; // invalidates a pending step, a pending answer, heartbeats
-    std::uint32_t netGen = 0; // invalidates a stopped net-check timer
-    std::uint8_t step = 0;    // 0..4 as in the daemon
+    std::uint32_t runGen = 0;       // invalidates a pending step, a pending answer, heartbeats
+    std::uint32_t netGen = 0;       // invalidates a stopped net-check timer
+    std::uint16_t monoOffsetMs = 0; // its machine's monotonic clock, with ownClocks
+    std::uint8_t step = 0;          // 0..4 as in the daemon
     bool connected = false;
     bool checking = false;        // a status request is under way
     bool reconnectWanted = false; // ... and one of its callers wants a reconnection
@@ -85,8 +90,7 @@ class Fleet
 public:
     Fleet(const Scenario& s, const Environment& env, const Rules& rules, int traceDaemon)
         : m_s(s), m_env(env), m_rules(rules), m_trace(traceDaemon), m_end(s.fail + s.horizon),
-          m_calendar(m_end), m_daemons(size_t(s.count)),
-          m_coreFree(size_t(std::max(env.cores, 0)), 0), m_rng(s.seed)
+          m_calendar(m_end), m_daemons(size_t(s.count)), m_rng(s.seed)
     {
         m_result.bins.resize(size_t((m_result.lead + s.horizon) / s.binWidth) + 1);
         m_result.recovered.assign(size_t(s.count), kNotFailed);
@@ -112,15 +116,23 @@ private:
     void settle()
     {
         std::uniform_real_distribution<double> phase(0.0, 1.0);
+        std::uniform_int_distribution<int> clock(0, 999);
         for (size_t i = 0; i < m_daemons.size(); ++i) {
             Daemon& d = m_daemons[i];
+            if (m_env.ownClocks)
+                d.monoOffsetMs = std::uint16_t(clock(m_rng));
             d.connected = true;
             d.step = 4;
             d.connectionNo = ++m_connections;
             d.backoff = BackoffState{-1000, m_rules.backoffFirstS, true}; // long settled
             if (m_s.kind == Kind::Blackhole) {
-                const Micros offset = Micros(phase(m_rng) * double(m_s.heartbeatSpread));
-                d.heartbeatAt = m_s.fail - m_rules.heartbeat + offset;
+                if (i < m_s.lastHeartbeats.size()) {
+                    d.heartbeatAt = timer(i, m_s.fail + m_s.lastHeartbeats[i] - m_env.timerLate,
+                                          m_rules.heartbeat);
+                } else {
+                    const Micros offset = Micros(phase(m_rng) * double(m_s.heartbeatSpread));
+                    d.heartbeatAt = m_s.fail + offset;
+                }
                 push(d.heartbeatAt, i, Ev::Heartbeat, 0, d.runGen);
             }
         }
@@ -136,8 +148,16 @@ private:
         if (m_s.kind == Kind::Blackhole)
             return; // the heartbeats find it
         std::uniform_real_distribution<double> spread(0.0, 1.0);
-        for (size_t i = 0; i < m_daemons.size(); ++i)
-            closeConnection(i, m_s.fail + Micros(spread(m_rng) * double(m_s.spread)));
+        // The server closes the connections one after the other (over closeSpread) and accepts
+        // nothing until it is done with them (closeBusy).
+        const Micros closing = m_env.closeBusy;
+        for (Queue& q : m_queues)
+            q.last = std::max(q.last, m_s.fail + closing);
+        for (size_t i = 0; i < m_daemons.size(); ++i) {
+            const Micros closedAt =
+                m_s.fail + m_env.closeSpread * Micros(i) / Micros(m_daemons.size());
+            closeConnection(i, closedAt + Micros(spread(m_rng) * double(m_s.spread)));
+        }
     }
 
     void closeConnection(size_t i, Micros at)
@@ -158,15 +178,53 @@ private:
             m_calendar.push(Item{at, std::uint32_t(i), ev, arg, generation});
     }
 
-    // Where the daemon's action really starts: on the bench machine it waits for a processor.
+    // When a timer started at `at` fires. The daemon's timers are Qt's default coarse timers:
+    // below 20 s they may fire up to 5 % early or late so as to land on a round fraction of a
+    // second of the monotonic clock (a multiple of 500 ms; from 5 s on, a whole second when
+    // within reach); from 20 s on they land on a whole second.
+    Micros timer(size_t i, Micros at, Micros interval) const
+    {
+        Micros due = at + interval;
+        if (m_env.coarse) {
+            const Micros offset =
+                m_env.ownClocks ? m_daemons[i].monoOffsetMs * kMs : m_env.monoOffset;
+            const Micros mono = due + offset;
+            const Micros second = mono - (((mono % kSecond) + kSecond) % kSecond);
+            const Micros ms = (mono - second) / kMs; // 0..999
+            const Micros ims = interval / kMs;
+            Micros rounded = ms;
+            if (ims >= 20000) {
+                rounded = ms >= 500 ? 1000 : 0;
+            } else if (ims >= 20) {
+                const Micros maxRound = ims / 20;
+                const Micros lo = std::max<Micros>(0, ms - maxRound);
+                const Micros hi = std::min<Micros>(1000, ms + maxRound);
+                if (lo == 0) {
+                    rounded = 0;
+                } else if (hi == 1000) {
+                    rounded = 1000;
+                } else if (ims % 500 == 0 && ims >= 5000) {
+                    rounded = ms >= 500 ? hi : lo;
+                } else {
+                    const Micros multiple = ims % 500 == 0 ? 500 : 25;
+                    const Micros base = ms / multiple * multiple;
+                    rounded = ms < base + multiple / 2 ? std::max(base, lo)
+                                                       : std::min(base + multiple, hi);
+                }
+            }
+            due = std::max(at, second + rounded * kMs - offset);
+        }
+        return due + m_env.timerLate;
+    }
+
+    // Where the daemon's action really starts: on the bench machine hundreds of daemons wake
+    // at once on two processors, so each starts a little later, up to `jitter`.
     Micros cpu(Micros at)
     {
-        if (m_coreFree.empty() || m_env.cpuCost <= 0)
+        if (m_env.jitter <= 0)
             return at;
-        auto core = std::min_element(m_coreFree.begin(), m_coreFree.end());
-        const Micros start = std::max(at, *core);
-        *core = start + m_env.cpuCost;
-        return start + m_env.cpuCost;
+        std::uniform_int_distribution<Micros> late(0, m_env.jitter);
+        return at + late(m_rng);
     }
 
     Bin* bin(Micros at)
@@ -204,6 +262,15 @@ private:
         }
         d.checking = true;
         d.reconnectWanted = reconnect;
+        onStatusTry(i, at, 0);
+    }
+
+    void onStatusTry(size_t i, Micros at, int syns)
+    {
+        if (!accept(0, at)) {
+            push(at + synRetry(syns), i, Ev::StatusTry, std::uint8_t(syns + 1), 0);
+            return;
+        }
         if (Bin* b = bin(at))
             ++b->status;
         trace(i, at, Event::StatusSent);
@@ -212,6 +279,28 @@ private:
              0);
     }
 
+    // A listener's accept queue: `backlog` connections wait in it and the server takes
+    // `acceptPerMs` of them a millisecond; a connection that finds it full loses its SYN, which
+    // the client's kernel sends again 1, 2, 4 ... s later. Listener 0 serves both HTTP services
+    // (as the sandbox does), 1 is the push server.
+    bool accept(int listener, Micros at)
+    {
+        if (m_env.backlog <= 0)
+            return true;
+        Queue& q = m_queues[size_t(listener)];
+        if (at > q.last) {
+            q.level =
+                std::max(0.0, q.level - double(at - q.last) / double(kMs) * m_env.acceptPerMs);
+            q.last = at;
+        }
+        if (q.level + 1 > double(m_env.backlog))
+            return false;
+        q.level += 1;
+        return true;
+    }
+
+    static Micros synRetry(int syns) { return kSecond << std::min(syns, 6); }
+
     void onStatusAnswer(size_t i, Micros at, bool ok)
     {
         Daemon& d = m_daemons[i];
@@ -219,7 +308,7 @@ private:
         if (!ok) {
             if (!d.netCheckOn) {
                 d.netCheckOn = true;
-                push(at + m_rules.netCheck + m_env.timerLate, i, Ev::NetCheck, 0, ++d.netGen);
+                push(timer(i, at, m_rules.netCheck), i, Ev::NetCheck, 0, ++d.netGen);
             }
             return;
         }
@@ -231,7 +320,7 @@ private:
         const int wait = nextBackoff(m_rules, d.backoff, nowS);
         d.reconnectPending = true;
         trace(i, at, Event::ReconnectWait, wait);
-        push(at + wait * kSecond + m_env.timerLate, i, Ev::Reconnect, 0, 0);
+        push(timer(i, at, wait * kSecond), i, Ev::Reconnect, 0, 0);
     }
 
     void stopNetCheck(Daemon& d)
@@ -246,7 +335,7 @@ private:
     {
         Daemon& d = m_daemons[i];
         ++d.step;
-        push(at + m_rules.step + m_env.timerLate, i, Ev::Run, 0, d.runGen);
+        push(timer(i, at, m_rules.step), i, Ev::Run, 0, d.runGen);
     }
 
     // Step 0: the address look-up, then the connection.
@@ -254,18 +343,41 @@ private:
     {
         Daemon& d = m_daemons[i];
         stopNetCheck(d);
+        d.connectStart = at;
+        onAddressTry(i, at, 0);
+    }
+
+    void onAddressTry(size_t i, Micros at, int syns)
+    {
+        Daemon& d = m_daemons[i];
+        if (!accept(0, at)) {
+            push(at + synRetry(syns), i, Ev::AddressTry, std::uint8_t(syns + 1), d.runGen);
+            return;
+        }
         if (Bin* b = bin(at))
             ++b->address;
         trace(i, at, Event::AddressSent);
-        const Micros tried = at + m_env.addressLatency;
+        onPushTry(i, at + m_env.addressLatency, 0);
+    }
+
+    void onPushTry(size_t i, Micros tried, int syns)
+    {
+        Daemon& d = m_daemons[i];
         if (m_s.kind == Kind::Blackhole && tried >= m_s.fail && tried < m_s.fail + m_s.down) {
-            push(tried + m_rules.connectTimeout, i, Ev::ConnectTimeout, 0, d.runGen);
+            push(d.connectStart + m_rules.connectTimeout, i, Ev::ConnectTimeout, 0, d.runGen);
             return;
         }
-        const bool admitted = admit(tried);
-        if (pushDown(tried) || !admitted) {
+        if (pushDown(tried) || !admit(tried)) {
             trace(i, tried, Event::ConnectFailed);
             checkStatus(i, cpu(tried), true);
+            return;
+        }
+        if (!accept(1, tried)) {
+            const Micros again = tried + synRetry(syns);
+            if (again - d.connectStart >= m_rules.connectTimeout)
+                push(d.connectStart + m_rules.connectTimeout, i, Ev::ConnectTimeout, 0, d.runGen);
+            else
+                push(again, i, Ev::PushTry, std::uint8_t(syns + 1), d.runGen);
             return;
         }
         const Micros up = tried + m_env.pushLatency;
@@ -316,7 +428,7 @@ private:
             break;
         case 3:
             d.step = 4;
-            d.heartbeatAt = at + m_rules.heartbeat;
+            d.heartbeatAt = timer(i, at, m_rules.heartbeat);
             push(d.heartbeatAt, i, Ev::Heartbeat, 0, d.runGen);
             break;
         default:
@@ -365,9 +477,11 @@ private:
         if (Bin* b = bin(arrive))
             ++b->heartbeat;
         d.echoAt = arrive + m_env.pushLatency;
-        if (d.echoAt > at + m_rules.answerWatchdog)
-            push(at + m_rules.answerWatchdog, i, Ev::Watchdog, 0, d.runGen);
-        push(at + m_rules.heartbeat, i, Ev::Heartbeat, 0, d.runGen);
+        const Micros watchdog = timer(i, at, m_rules.answerWatchdog);
+        if (d.echoAt > watchdog)
+            push(watchdog, i, Ev::Watchdog, 0, d.runGen);
+        // A repeating timer: the next period counts from this one's due time.
+        push(timer(i, at - m_env.timerLate, m_rules.heartbeat), i, Ev::Heartbeat, 0, d.runGen);
     }
 
     void onSlice(Micros at)
@@ -407,7 +521,8 @@ private:
         case Ev::NetCheck:
             if (item.generation != d.netGen || !d.netCheckOn)
                 break;
-            push(item.at + m_rules.netCheck, i, Ev::NetCheck, 0, d.netGen);
+            push(timer(i, item.at - m_env.timerLate, m_rules.netCheck), i, Ev::NetCheck, 0,
+                 d.netGen);
             checkStatus(i, cpu(item.at), true);
             break;
         case Ev::Reconnect:
@@ -415,7 +530,7 @@ private:
             d.step = 0;
             d.connected = false;
             ++d.runGen;
-            push(item.at + m_rules.step + m_env.timerLate, i, Ev::Run, 0, d.runGen);
+            push(timer(i, item.at, m_rules.step), i, Ev::Run, 0, d.runGen);
             break;
         case Ev::Run:
             if (item.generation == d.runGen)
@@ -435,6 +550,17 @@ private:
             if (item.generation == d.runGen && d.connected && d.step == 4)
                 onHeartbeat(i, item.at);
             break;
+        case Ev::StatusTry:
+            onStatusTry(i, item.at, item.arg);
+            break;
+        case Ev::AddressTry:
+            if (item.generation == d.runGen)
+                onAddressTry(i, item.at, item.arg);
+            break;
+        case Ev::PushTry:
+            if (item.generation == d.runGen)
+                onPushTry(i, item.at, item.arg);
+            break;
         case Ev::Watchdog:
             if (item.generation == d.runGen && d.connected && d.echoAt > item.at)
                 checkStatus(i, cpu(item.at), false);
@@ -449,7 +575,12 @@ private:
     Micros m_end;
     Calendar m_calendar;
     std::vector<Daemon> m_daemons;
-    std::vector<Micros> m_coreFree;
+    struct Queue
+    {
+        double level = 0;
+        Micros last = 0;
+    };
+    Queue m_queues[2];
     std::mt19937_64 m_rng;
     std::uint64_t m_connections = 0;
     std::int64_t m_admitSecond = -1;

@@ -72,10 +72,24 @@ struct Environment
     Micros pushLatency = 2 * kMs;    // login or query to its answer; connection set-up
     Micros timerLate = 1 * kMs;      // a timer fires this much after its due time
     Micros notice = 1 * kMs;         // a closed connection is noticed this much later
-    // Bench machine: the daemons share `cores` processors and each action costs `cpuCost`
-    // (0 cores: every daemon has a machine of its own, as on desktops).
-    int cores = 0;
-    Micros cpuCost = 0;
+    // Qt's coarse timers round their due time on the monotonic clock, which is this far ahead
+    // of the model's clock (whose zero is a whole wall-clock second); false: exact timers.
+    bool coarse = true;
+    Micros monoOffset = 0;
+    // Every daemon on a machine of its own, with its own monotonic clock (a random offset), so
+    // that the rounding of the timers lands elsewhere for each.
+    bool ownClocks = false;
+    // Bench machine: the daemons share two processors, so each action starts up to this much
+    // late (0: every daemon has a machine of its own, as on desktops).
+    Micros jitter = 0;
+    // The services' accept queues (0: no limit): `backlog` waiting connections, drained at
+    // `acceptPerMs`; a SYN that finds the queue full is sent again 1, 2, 4 ... s later.
+    int backlog = 0;
+    double acceptPerMs = 10;
+    // A restarting server closes its connections over `closeSpread` and accepts nothing until
+    // `closeBusy` after the failure.
+    Micros closeSpread = 0;
+    Micros closeBusy = 0;
 };
 
 enum class Kind
@@ -99,7 +113,9 @@ struct Scenario
     Micros statusFailTo = -1;
     int admitPerSecond = 0; // push server accepts at most this many connections a second
     Micros heartbeatSpread = 60 * kSecond; // the daemons' heartbeat phases, spread over this
-    Micros horizon = 120 * kSecond;        // simulated time after `fail`
+    // Or, per daemon, when its last heartbeat before `fail` went out (relative to `fail`).
+    std::vector<Micros> lastHeartbeats;
+    Micros horizon = 120 * kSecond; // simulated time after `fail`
     Micros binWidth = 100 * kMs;
     std::uint64_t seed = 627;
 };

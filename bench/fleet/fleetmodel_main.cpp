@@ -4,8 +4,10 @@
 //
 //   bench_fleet_model --kind restart|blackhole|rolling --count N [--down S] [--fail-ms MS]
 //       [--spread S] [--status-slow S] [--status-fail FROM:TO] [--admit R] [--horizon S]
-//       [--bin-ms MS] [--seed X] [--cores K --cpu-ms MS] [--status-ms MS] [--address-ms MS]
-//       [--push-ms MS] [--timer-ms MS] [--table FILE]
+//       [--bin-ms MS] [--seed X] [--jitter-ms MS] [--status-ms MS] [--address-ms MS]
+//       [--push-ms MS] [--timer-ms MS] [--mono-offset-ms MS] [--exact-timers 0|1] [--own-clocks
+//       0|1]
+//       [--heartbeats FILE] [--trace DAEMON] [--table FILE]
 //
 // Summary: count, the busiest bin of each service as requests per second, the busiest whole
 // second (aligned on the failure) of each, and the recovery (p50, p99, p100 in s; -1: not all
@@ -46,6 +48,7 @@ int main(int argc, char** argv)
     Scenario s;
     Environment env;
     std::string table;
+    int traceDaemon = -1;
     for (int i = 1; i < argc; ++i) {
         const std::string name = argv[i];
         if (i + 1 >= argc)
@@ -85,10 +88,8 @@ int main(int argc, char** argv)
             s.binWidth = millis(value);
         } else if (name == "--seed") {
             s.seed = std::strtoull(value, nullptr, 10);
-        } else if (name == "--cores") {
-            env.cores = std::atoi(value);
-        } else if (name == "--cpu-ms") {
-            env.cpuCost = millis(value);
+        } else if (name == "--jitter-ms") {
+            env.jitter = millis(value);
         } else if (name == "--status-ms") {
             env.statusLatency = millis(value);
         } else if (name == "--address-ms") {
@@ -97,6 +98,31 @@ int main(int argc, char** argv)
             env.pushLatency = millis(value);
         } else if (name == "--timer-ms") {
             env.timerLate = millis(value);
+        } else if (name == "--mono-offset-ms") {
+            env.monoOffset = millis(value);
+        } else if (name == "--backlog") {
+            env.backlog = std::atoi(value);
+        } else if (name == "--close-spread-ms") {
+            env.closeSpread = millis(value);
+        } else if (name == "--close-busy-ms") {
+            env.closeBusy = millis(value);
+        } else if (name == "--accept-per-ms") {
+            env.acceptPerMs = std::atof(value);
+        } else if (name == "--own-clocks") {
+            env.ownClocks = std::atoi(value) != 0;
+        } else if (name == "--exact-timers") {
+            env.coarse = std::atoi(value) == 0;
+        } else if (name == "--heartbeats") {
+            // One line per daemon: seconds from its last heartbeat to the failure (negative).
+            FILE* in = std::fopen(value, "r");
+            if (!in)
+                return usage();
+            double t = 0;
+            while (std::fscanf(in, "%lf", &t) == 1)
+                s.lastHeartbeats.push_back(Micros(t * double(kSecond)));
+            std::fclose(in);
+        } else if (name == "--trace") {
+            traceDaemon = std::atoi(value);
         } else if (name == "--table") {
             table = value;
         } else {
@@ -106,7 +132,13 @@ int main(int argc, char** argv)
     if (s.count < 1 || s.binWidth <= 0 || s.horizon <= 0)
         return usage();
 
-    const Result r = simulate(s, env);
+    const Result r = simulate(s, env, Rules(), traceDaemon);
+    static const char* const eventNames[] = {"noticed",        "status",         "wait",  "address",
+                                             "connected",      "connect-failed", "login", "query",
+                                             "query-answered", "heartbeat"};
+    for (const TraceItem& item : r.trace)
+        std::fprintf(stderr, "%.3f %s %d\n", double(item.at - s.fail) / double(kSecond),
+                     eventNames[int(item.event)], item.value);
 
     if (!table.empty()) {
         FILE* out = std::fopen(table.c_str(), "w");

@@ -86,6 +86,7 @@ void TstFleetModel::pacing()
     env.statusLatency = env.addressLatency = env.pushLatency = latencyMs * kMs;
     env.timerLate = 0;
     env.notice = 0;
+    env.coarse = false; // the daemon's rules alone, without Qt's rounding of timers
     Scenario s;
     s.kind = Kind::Restart;
     s.fail = 10 * kSecond + failPhaseMs * kMs;
@@ -150,6 +151,7 @@ void TstFleetModel::longOutage()
     env.addressLatency = env.pushLatency = 0;
     env.timerLate = 0;
     env.notice = 0;
+    env.coarse = false; // the daemon's rules alone, without Qt's rounding of timers
     Scenario s;
     s.kind = Kind::Restart;
     s.fail = 10 * kSecond;

@@ -73,7 +73,11 @@ int main(int argc, char** argv)
                                     "Set-Cookie value sent with every status answer, e.g. "
                                     "\"PHPSESSID=abc; path=/\".",
                                     "value");
-    parser.addOptions({httpPort, pushPort, https, cookie});
+    const QCommandLineOption backlog("backlog",
+                                     "Accept queue of both servers, in connections (default: "
+                                     "Qt's 50). A fleet of daemons needs more.",
+                                     "n", "0");
+    parser.addOptions({httpPort, pushPort, https, cookie, backlog});
     parser.process(app);
 
     bool httpOk = false;
@@ -88,6 +92,7 @@ int main(int argc, char** argv)
     Sandbox sandbox;
     if (parser.isSet(cookie))
         sandbox.setCookie(parser.value(cookie).toUtf8());
+    sandbox.setListenBacklog(parser.value(backlog).toInt());
     if (!sandbox.start(quint16(http), quint16(push), parser.isSet(https)))
         return 1;
     QObject::connect(&sandbox, &Sandbox::quitRequested, &app, &QCoreApplication::quit,

@@ -42,6 +42,12 @@ public:
     // "sso mode=error status=503", "logout kicked by another device") into a command.
     QByteArray controlLine(const QByteArray& line);
     void setCookie(const QByteArray& setCookieValue) { m_cookie = setCookieValue; }
+    // Accept queue of both servers (0: Qt's own, 50 connections).
+    void setListenBacklog(int backlog)
+    {
+        m_http.setListenBacklog(backlog);
+        m_push.setListenBacklog(backlog);
+    }
 
     static void say(const QString& text); // one timestamped, flushed line on stdout
 

@@ -5,6 +5,7 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <algorithm>
+#include <sys/socket.h>
 
 namespace {
 
@@ -97,6 +98,9 @@ bool PushStub::listen(quint16 port)
         m_server = nullptr;
         return false;
     }
+    // Qt listens with a queue of 50 connections; a larger one is set on the socket itself.
+    if (m_backlog > 0)
+        ::listen(int(m_server->socketDescriptor()), m_backlog);
     connect(m_server, &QTcpServer::newConnection, this, &PushStub::onNewConnection);
     return true;
 }

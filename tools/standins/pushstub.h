@@ -65,6 +65,8 @@ public:
     bool listen(quint16 port = 0);
     // Stops listening (new connections are refused) and drops every open connection.
     void close();
+    // Length of the accept queue of the next listen (0: Qt's own, 50).
+    void setListenBacklog(int backlog) { m_backlog = backlog; }
     quint16 port() const;
     // "127.0.0.1:<port>", the form the push-address service hands out.
     QByteArray address() const;
@@ -125,6 +127,7 @@ private:
     QList<Connection*> liveConnections() const;
 
     QTcpServer* m_server = nullptr;
+    int m_backlog = 0;
     QHash<int, Connection*> m_connections; // open or closing clients by number
     int m_accepted = 0;
 
