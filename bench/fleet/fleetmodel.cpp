@@ -71,12 +71,12 @@ struct Daemon
 class Calendar
 {
 public:
-    Calendar(Micros end) : m_slots(size_t(end / kMs) + 2) {}
+    explicit Calendar(Micros end) : m_slots(size_t(end / kMs) + 2) {}
     void push(const Item& item)
     {
-        const size_t slot = size_t(std::max<Micros>(item.at, 0) / kMs);
-        if (slot < m_slots.size())
-            m_slots[slot].push_back(item);
+        const size_t index = size_t(std::max<Micros>(item.at, 0) / kMs);
+        if (index < m_slots.size())
+            m_slots[index].push_back(item);
     }
     size_t size() const { return m_slots.size(); }
     std::vector<Item>& slot(size_t i) { return m_slots[i]; }
@@ -349,9 +349,9 @@ private:
 
     void onAddressTry(size_t i, Micros at, int syns)
     {
-        Daemon& d = m_daemons[i];
         if (!accept(0, at)) {
-            push(at + synRetry(syns), i, Ev::AddressTry, std::uint8_t(syns + 1), d.runGen);
+            push(at + synRetry(syns), i, Ev::AddressTry, std::uint8_t(syns + 1),
+                 m_daemons[i].runGen);
             return;
         }
         if (Bin* b = bin(at))
