@@ -38,10 +38,12 @@ while [ $# -gt 0 ]; do
     shift
 done
 raw=$results/raw
+quickopt=()
+[ "$quick" = 1 ] && quickopt=(--quick)
 
 if [ "$render" = 1 ]; then
     exec python3 "$root/bench/fleet/analyse.py" --raw "$raw" --results "$results" \
-        --model "$build/bin/bench_fleet_model" $([ "$quick" = 1 ] && echo --quick)
+        --model "$build/bin/bench_fleet_model" "${quickopt[@]}"
 fi
 
 if [ -z "${D627_FLEET_INSIDE:-}" ]; then
@@ -56,7 +58,7 @@ if [ -z "${D627_FLEET_INSIDE:-}" ]; then
     cmake --build "$build" -j2 --target d627 ec627 d627-sandbox bench_fleet_apps bench_fleet_model
     mkdir -p "$raw"
     D627_FLEET_INSIDE=1 exec unshare --net --pid --fork --mount-proc bash "$0" --count "$count" \
-        $([ "$quick" = 1 ] && echo --quick)
+        "${quickopt[@]}"
 fi
 
 # From here on: PID 1 of the bench's namespaces, loopback only.
@@ -203,4 +205,4 @@ wait "$fleet_pid" || true
 fleet_pid=
 say "fleet stopped; analysing"
 python3 "$root/bench/fleet/analyse.py" --raw "$raw" --results "$results" \
-    --model "$bin/bench_fleet_model" $([ "$quick" = 1 ] && echo --quick)
+    --model "$bin/bench_fleet_model" "${quickopt[@]}"
