@@ -253,9 +253,10 @@ def model_args(name, s, count, offset):
         back = (s.get("status-back", s["fail"] + 30000) - s["fail"]) / 1000.0
         extra += ["--status-fail", f"0:{back}"]
     # The bench machine: one monotonic clock for all daemons (Qt rounds their timers on it),
-    # timers firing 5 ms late, and the closed connections noticed over 150 ms (hundreds of
-    # daemons waking at once on two processors).
-    bench = ["--mono-offset-ms", str(offset), "--timer-ms", "5", "--close-spread-ms", "150"]
+    # timers firing 5 ms late, and the closed connections noticed over 0.75 ms per daemon (150 ms
+    # for 200: the daemons wake at once on two processors).
+    bench = ["--mono-offset-ms", str(offset), "--timer-ms", "5",
+             "--close-spread-ms", f"{0.75 * count:g}"]
     return ["--kind", kind, "--count", str(count), "--down", f"{down:.3f}",
             "--fail-ms", str(s["fail"] % 1000)] + bench + extra
 
@@ -382,8 +383,8 @@ def model_section(a, res, count, sc, measured, lead_bins, say, events):
         "the same sub-second phase of the wall clock (the back-off reads whole seconds), Qt's "
         f"rounding of the timers on the machine's monotonic clock (measured: {offset} ms ahead "
         "of the wall clock, modulo 1 s), timers 5 ms late, the closed connections noticed over "
-        "150 ms, the black-holed heartbeats of each daemon at their measured phase. Per "
-        "service: the share of the measured arrivals that the model puts into another second "
+        f"{0.75 * count:g} ms (0.75 ms a daemon), the black-holed heartbeats of each daemon at "
+        "their measured phase. Per service: the share of the measured arrivals that the model puts into another second "
         "(half the L1 distance of the per-second counts; 0 % is a perfect match), and the "
         "busiest second measured / modelled. The seconds start midway between two points of "
         "the 500 ms grid on which the daemons' timers land.\n")
