@@ -62,8 +62,8 @@ int main(int argc, char** argv)
     parser.setApplicationDescription(
         "Local stand-ins for the push-address service, the single-sign-on status service and the "
         "push server, all on 127.0.0.1. Commands (stdin lines or GET /control/<command>?...): "
-        "avatar, vip, message, notice, drop, logout, sso, address, push, cookie, status, quit, "
-        "help.");
+        "avatar, vip, message, notice, drop, logout, sso, address, push, cookie, clear, status, "
+        "quit, help.");
     parser.addHelpOption();
     parser.addVersionOption();
     const QCommandLineOption httpPort("http-port", "Port of both HTTP services.", "port", "18627");
@@ -73,7 +73,11 @@ int main(int argc, char** argv)
                                     "Set-Cookie value sent with every status answer, e.g. "
                                     "\"PHPSESSID=abc; path=/\".",
                                     "value");
-    parser.addOptions({httpPort, pushPort, https, cookie});
+    const QCommandLineOption backlog("backlog",
+                                     "Accept queue of both servers, in connections (default: "
+                                     "Qt's 50). A fleet of daemons needs more.",
+                                     "n", "0");
+    parser.addOptions({httpPort, pushPort, https, cookie, backlog});
     parser.process(app);
 
     bool httpOk = false;
@@ -88,6 +92,7 @@ int main(int argc, char** argv)
     Sandbox sandbox;
     if (parser.isSet(cookie))
         sandbox.setCookie(parser.value(cookie).toUtf8());
+    sandbox.setListenBacklog(parser.value(backlog).toInt());
     if (!sandbox.start(quint16(http), quint16(push), parser.isSet(https)))
         return 1;
     QObject::connect(&sandbox, &Sandbox::quitRequested, &app, &QCoreApplication::quit,

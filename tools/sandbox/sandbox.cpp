@@ -133,6 +133,7 @@ void Sandbox::say(const QString& text)
 bool Sandbox::start(quint16 httpPort, quint16 pushPort, bool tls)
 {
     m_httpPort = httpPort;
+    m_pushPort = pushPort;
     m_tls = tls;
     {
         QTcpServer probe; // a port that was free a moment ago and is closed again
@@ -289,14 +290,20 @@ QByteArray Sandbox::queueChange(const QJsonObject& inner, const Params& params, 
     if (pad < 0)
         return failure("pad=N asks for an answer of N bytes, up to 65536");
     m_padTo = qMax(m_padTo, pad);
-    m_pending.append(QJsonObject{{"t", 599999}, {"data", inner}});
+    // every=1: the change goes to the first query of every connection from now on (until
+    // "clear"), so that a whole fleet of daemons gets it.
+    const bool everyone = params.value("every") == "1";
+    (everyone ? m_everyone : m_pending).append(QJsonObject{{"t", 599999}, {"data", inner}});
     const bool drop = wantsDrop(params);
     const int dropped = drop ? m_push.dropConnections() : 0;
     say(QStringLiteral("ctl   %1 queued for the first query after the next login%2")
             .arg(what, dropped
                            ? QStringLiteral("; connection dropped so that the daemon logs in again")
                            : QString()));
-    return compact({{"ok", true}, {"queued", m_pending.size()}, {"dropped", dropped}});
+    return compact({{"ok", true},
+                    {"queued", m_pending.size()},
+                    {"every", m_everyone.size()},
+                    {"dropped", dropped}});
 }
 
 QByteArray Sandbox::control(const QByteArray& command, const Params& params)
@@ -349,7 +356,10 @@ QByteArray Sandbox::control(const QByteArray& command, const Params& params)
         return compact({{"ok", true}, {"sent", sent}, {"id", double(id)}});
     }
     if (command == "drop") {
-        const int dropped = m_push.dropConnections();
+        // count=K drops only the K longest-open connections.
+        const int dropped = params.contains("count")
+                                ? m_push.dropOldest(params.value("count").toInt())
+                                : m_push.dropConnections();
         say(QStringLiteral("push  dropped %1 connection(s)").arg(dropped));
         return compact({{"ok", true}, {"dropped", dropped}});
     }
@@ -410,6 +420,13 @@ QByteArray Sandbox::control(const QByteArray& command, const Params& params)
             if (!m_push.setHost(QHostAddress(QString::fromLatin1(params.value("host")))) ||
                 !m_push.listen(m_push.port()))
                 return failure("push host is an address of 127.0.0.0/8 with the port free");
+        } else if (params.contains("listen")) {
+            // listen=0: the server is gone (every connection closed, the port refusing);
+            // listen=1: it is back on the same port.
+            if (params.value("listen") == "0")
+                m_push.close();
+            else if (!m_push.listen(m_pushPort))
+                return failure("cannot listen again");
         } else if (params.contains("once")) {
             m_push.setDropOnce(params.value("once"));
         } else if (mode == "normal") {
@@ -420,9 +437,8 @@ QByteArray Sandbox::control(const QByteArray& command, const Params& params)
         } else if (mode == "refuse") {
             m_push.setRefuseConnections(true);
         } else {
-            return failure(
-                "push mode is normal, silent or refuse, or once=login|query|answered, or "
-                "host=127.0.0.N");
+            return failure("push mode is normal, silent or refuse, once=login|query|answered, "
+                           "host=127.0.0.N or listen=0|1");
         }
         return compact({{"ok", true}});
     }
@@ -430,6 +446,11 @@ QByteArray Sandbox::control(const QByteArray& command, const Params& params)
         return faultControl(command, params);
     if (command == "cookie") {
         m_cookie = params.value("value");
+        return compact({{"ok", true}, {"status", status()}});
+    }
+    if (command == "clear") {
+        m_pending = QJsonArray();
+        m_everyone = QJsonArray();
         return compact({{"ok", true}, {"status", status()}});
     }
     if (command == "status")
@@ -442,17 +463,21 @@ QByteArray Sandbox::control(const QByteArray& command, const Params& params)
         return compact(
             {{"ok", true},
              {"commands",
-              "avatar url=U [size=N] | vip level=N expire=S | message t=T | notice [id=N] | drop | "
-              "logout [message] | sso mode=ok|logout|error|slow|drop [message= status= delay=] | "
+              "avatar url=U [size=N] | vip level=N expire=S | message t=T | notice [id=N] | "
+              "drop [count=K] | logout [message] | "
+              "sso mode=ok|logout|error|slow|drop [message= status= delay=] | "
               "address mode=ok|down|state0|bad|drop|refused | push mode=normal|silent|refuse | "
-              "push once=login|query|answered | push host=127.0.0.N | raw hex=H [split=N] | rsp "
-              "[magic=KOOS] [seq=N] "
-              "[z=1] [text=T|hex=H] [seal=0] [len=N|+N|-N] | http path=P [status=S] "
-              "[body=text|empty|drop|hang|size:N] (neither: back to normal) | http listen=0|1 | "
-              "cookie [Set-Cookie value] | status | quit. avatar, vip, message and logout drop the "
-              "push connection unless drop=0. Long answers (up to 65536): size=N makes the avatar "
-              "address N characters long, pad=N on avatar, vip or message fills the answer that "
-              "carries it to N bytes with items the daemon skips; both of random text."}});
+              "push once=login|query|answered | push host=127.0.0.N | push listen=0|1 | "
+              "raw hex=H [split=N] | "
+              "rsp [magic=KOOS] [seq=N] [z=1] [text=T|hex=H] [seal=0] [len=N|+N|-N] | "
+              "http path=P [status=S] [body=text|empty|drop|hang|size:N] (neither: back to "
+              "normal) | http listen=0|1 | "
+              "cookie [Set-Cookie value] | clear | status | quit. avatar, vip, message and logout "
+              "drop the push connection unless drop=0; with every=1 avatar, vip and message go to "
+              "the first query of every connection until clear. Long answers (up to 65536): size=N "
+              "makes the avatar address N characters long, pad=N on avatar, vip or message fills "
+              "the answer that carries it to N bytes with items the daemon skips; both of random "
+              "text."}});
     }
     return failure("unknown command " + QString::fromUtf8(command) + " (try help)");
 }
@@ -468,6 +493,7 @@ QJsonObject Sandbox::status() const
             {"address", addressNames[int(m_addressMode)]},
             {"cookie", QString::fromUtf8(m_cookie)},
             {"pending", m_pending.size()},
+            {"every", m_everyone.size()},
             {"push_clients", m_push.openConnections()}};
 }
 
@@ -478,6 +504,8 @@ QByteArray Sandbox::onPushRequest(const PushFrame& frame)
     if (frame.isQuery() && frame.requestIndex == 0) {
         list = m_pending;
         m_pending = QJsonArray();
+        for (const QJsonValue& item : qAsConst(m_everyone))
+            list.append(item);
         // pad=N: items of a type the daemon skips, of random text, until the answer holds N bytes.
         const int padTo = std::exchange(m_padTo, 0);
         int size = int(compact({{"code", 0}, {"data", QJsonObject{{"list", list}}}}).size());

@@ -42,6 +42,12 @@ public:
     // "sso mode=error status=503", "logout kicked by another device") into a command.
     QByteArray controlLine(const QByteArray& line);
     void setCookie(const QByteArray& setCookieValue) { m_cookie = setCookieValue; }
+    // Accept queue of both servers (0: Qt's own, 50 connections).
+    void setListenBacklog(int backlog)
+    {
+        m_http.setListenBacklog(backlog);
+        m_push.setListenBacklog(backlog);
+    }
 
     static void say(const QString& text); // one timestamped, flushed line on stdout
 
@@ -89,12 +95,14 @@ private:
     int m_ssoErrorStatus = 500;
     int m_ssoDelayMs = 5000;
     AddressMode m_addressMode = AddressMode::Ok;
-    QByteArray m_cookie;  // Set-Cookie value sent with every status answer; empty: none
-    QJsonArray m_pending; // items for the next first query answer
-    int m_padTo = 0;      // bytes that answer is filled to (pad=N); 0: not filled
+    QByteArray m_cookie;   // Set-Cookie value sent with every status answer; empty: none
+    QJsonArray m_pending;  // items for the next first query answer
+    QJsonArray m_everyone; // items for the first query answer of every connection ("every=1")
+    int m_padTo = 0;       // bytes that answer is filled to (pad=N); 0: not filled
     quint32 m_nextNoticeId = 1;
     QMap<QByteArray, HttpStubResponse> m_overrides; // by path
     quint16 m_httpPort = 0;
+    quint16 m_pushPort = 0;
     bool m_tls = false;
     quint16 m_refusedPort = 0; // a port on 127.0.0.1 that nobody listens on
 };

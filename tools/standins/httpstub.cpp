@@ -14,6 +14,7 @@
 #include <QTemporaryDir>
 #include <QTimer>
 #include <QUrl>
+#include <sys/socket.h>
 
 namespace {
 
@@ -214,6 +215,9 @@ bool HttpStub::startListening(quint16 port)
         close();
         return false;
     }
+    // Qt listens with a queue of 50 connections; a larger one is set on the socket itself.
+    if (m_backlog > 0)
+        ::listen(int(m_server->socketDescriptor()), m_backlog);
     connect(m_server, &QTcpServer::newConnection, this, &HttpStub::onNewConnection);
     return true;
 }

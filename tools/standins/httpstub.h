@@ -61,6 +61,8 @@ public:
     // made once per process with the openssl command-line tool.
     bool listenTls(quint16 port = 0);
     void close();
+    // Length of the accept queue of the next listen (0: Qt's own, 50).
+    void setListenBacklog(int backlog) { m_backlog = backlog; }
     quint16 port() const;
     bool isTls() const { return m_tls; }
     // "http://127.0.0.1:<port>" or "https://127.0.0.1:<port>".
@@ -95,6 +97,7 @@ private:
 
     Server* m_server = nullptr;
     bool m_tls = false;
+    int m_backlog = 0;
     QMap<QByteArray, Handler> m_routes;
     Handler m_fallback;
     mutable QMutex m_mutex; // guards m_requests (read from other threads by tests)

@@ -4,6 +4,8 @@
 #include <QMutexLocker>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <algorithm>
+#include <sys/socket.h>
 
 namespace {
 
@@ -96,6 +98,9 @@ bool PushStub::listen(quint16 port)
         m_server = nullptr;
         return false;
     }
+    // Qt listens with a queue of 50 connections; a larger one is set on the socket itself.
+    if (m_backlog > 0)
+        ::listen(int(m_server->socketDescriptor()), m_backlog);
     connect(m_server, &QTcpServer::newConnection, this, &PushStub::onNewConnection);
     return true;
 }
@@ -264,6 +269,19 @@ int PushStub::dropConnections()
         connection->socket->disconnectFromHost();
     }
     return connections.size();
+}
+
+int PushStub::dropOldest(int count)
+{
+    QList<Connection*> connections = liveConnections();
+    std::sort(connections.begin(), connections.end(),
+              [](const Connection* a, const Connection* b) { return a->number < b->number; });
+    const int dropped = qBound(0, count, int(connections.size()));
+    for (int i = 0; i < dropped; ++i) {
+        connections.at(i)->closing = true;
+        connections.at(i)->socket->disconnectFromHost();
+    }
+    return dropped;
 }
 
 void PushStub::onNewConnection()

@@ -69,6 +69,8 @@ public:
     bool setHost(const QHostAddress& host);
     // Stops listening (new connections are refused) and drops every open connection.
     void close();
+    // Length of the accept queue of the next listen (0: Qt's own, 50).
+    void setListenBacklog(int backlog) { m_backlog = backlog; }
     quint16 port() const;
     // "<host>:<port>", e.g. "127.0.0.1:18628", the form the push-address service hands out.
     QByteArray address() const;
@@ -100,6 +102,9 @@ public:
     int sendHeartbeat();
     int sendRaw(const QByteArray& bytes);
     int dropConnections();
+    // Drops the `count` longest-open connections (the lowest numbers), as one slice of a rolling
+    // restart.
+    int dropOldest(int count);
 
     int openConnections() const;
     int acceptedCount() const { return m_accepted; }
@@ -127,6 +132,7 @@ private:
 
     QHostAddress m_host = QHostAddress(QHostAddress::LocalHost);
     QTcpServer* m_server = nullptr;
+    int m_backlog = 0;
     QHash<int, Connection*> m_connections; // open or closing clients by number
     int m_accepted = 0;
 

@@ -1,0 +1,174 @@
+#pragma once
+// SPDX-License-Identifier: Apache-2.0
+
+// A discrete-event model of a fleet of daemons and their push service, built from the daemon's
+// fixed timing rules:
+// - a failure of the push connection asks the status service at once;
+// - a valid answer schedules the reconnection after the back-off: 1 s when the last scheduling
+//   is more than 5 whole seconds (of the wall clock) ago, else the last wait doubled, at most
+//   10 s; one reconnection per failure episode;
+// - a failed status request repeats every 10 s (a timer started at the first failure) until one
+//   succeeds;
+// - the steps are paced by 1 s timers: the reconnection restarts at step 0 one second after the
+//   back-off, step 0 looks up the address and connects, the login goes 1 s after the connection,
+//   the query 1 s after the login's answer, the heartbeat starts 1 s after the query's answer
+//   and repeats every 60 s; an unanswered heartbeat makes a status check (without reconnection)
+//   after 50 s;
+// - a connection attempt that gets no answer gives up after 30 s.
+// The services answer after fixed latencies; a black-holed TCP segment is retransmitted on
+// Linux's schedule (200 ms, doubling). Times are in microseconds on a clock whose zero is a
+// whole second of the wall clock, as the back-off reads whole seconds.
+
+#include <cstdint>
+#include <vector>
+
+namespace fleetmodel {
+
+using Micros = std::int64_t;
+constexpr Micros kMs = 1000;
+constexpr Micros kSecond = 1000 * kMs;
+
+// The daemon's own rules; fixed by design, kept here so that the test can pin them.
+struct Rules
+{
+    Micros step = kSecond;                // pacing of the steps and the restart after a back-off
+    int backoffFirstS = 1;                // the first wait, and the wait after a quiet spell
+    int backoffQuietS = 5;                // a quiet spell is longer than this many whole seconds
+    int backoffMaxS = 10;                 // the doubling stops here
+    Micros netCheck = 10 * kSecond;       // repeat of a failed status request
+    Micros heartbeat = 60 * kSecond;      // heartbeat period in the running step
+    Micros answerWatchdog = 50 * kSecond; // heartbeat without an answer: status check
+    Micros connectTimeout = 30 * kSecond; // connection attempt without an answer
+};
+
+// The reconnection back-off: one value pair per daemon, as in the daemon.
+struct BackoffState
+{
+    std::int64_t lastS = 0;
+    int delayS = 0;
+    bool any = false; // scheduled before
+};
+
+// The wait in seconds for a reconnection scheduled at whole wall-clock second `nowS`; updates
+// the pair. The model's daemons use it for every scheduling.
+int nextBackoff(const Rules& rules, BackoffState& state, std::int64_t nowS);
+
+class Backoff
+{
+public:
+    explicit Backoff(const Rules& rules) : m_rules(rules) {}
+    int next(std::int64_t nowS) { return nextBackoff(m_rules, m_state, nowS); }
+
+private:
+    const Rules& m_rules;
+    BackoffState m_state;
+};
+
+// What the services and the machine add.
+struct Environment
+{
+    Micros statusLatency = 3 * kMs;  // status request to answer
+    Micros addressLatency = 3 * kMs; // address look-up to answer
+    Micros pushLatency = 2 * kMs;    // login or query to its answer; connection set-up
+    Micros timerLate = 1 * kMs;      // a timer fires this much after its due time
+    Micros notice = 1 * kMs;         // a closed connection is noticed this much later
+    // Qt's coarse timers round their due time on the monotonic clock, which is this far ahead
+    // of the model's clock (whose zero is a whole wall-clock second); false: exact timers.
+    bool coarse = true;
+    Micros monoOffset = 0;
+    // Every daemon on a machine of its own, with its own monotonic clock (a random offset), so
+    // that the rounding of the timers lands elsewhere for each.
+    bool ownClocks = false;
+    // Bench machine: the daemons share two processors, so each action starts up to this much
+    // late (0: every daemon has a machine of its own, as on desktops).
+    Micros jitter = 0;
+    // The services' accept queues (0: no limit): `backlog` waiting connections, drained at
+    // `acceptPerMs`; a SYN that finds the queue full is sent again 1, 2, 4 ... s later.
+    int backlog = 0;
+    double acceptPerMs = 10;
+    // A restarting server closes its connections over `closeSpread` and accepts nothing until
+    // `closeBusy` after the failure.
+    Micros closeSpread = 0;
+    Micros closeBusy = 0;
+};
+
+enum class Kind
+{
+    Restart,   // every connection closed at `fail`, the port refusing until `fail + down`
+    Blackhole, // the push port silent from `fail` to `fail + down`; connections stay open
+    Rolling    // `slices` slices of the longest-open connections closed, one every `slicePeriod`
+};
+
+struct Scenario
+{
+    Kind kind = Kind::Restart;
+    int count = 200;
+    Micros fail = 10 * kSecond; // when the push server fails (its sub-second part matters)
+    Micros down = 0;
+    int slices = 6;
+    Micros slicePeriod = 10 * kSecond;
+    Micros spread = 0;          // the daemons notice a closed connection spread over this
+    Micros statusSlow = 0;      // status answers take this much longer
+    Micros statusFailFrom = -1; // status requests fail in [from, to) (relative to `fail`)
+    Micros statusFailTo = -1;
+    int admitPerSecond = 0; // push server accepts at most this many connections a second
+    Micros heartbeatSpread = 60 * kSecond; // the daemons' heartbeat phases, spread over this
+    // Or, per daemon, when its last heartbeat before `fail` went out (relative to `fail`).
+    std::vector<Micros> lastHeartbeats;
+    Micros horizon = 120 * kSecond; // simulated time after `fail`
+    Micros binWidth = 100 * kMs;
+    std::uint64_t seed = 627;
+};
+
+// Per bin (from `fail - lead` on): arrivals at each service.
+struct Bin
+{
+    std::uint32_t status = 0;
+    std::uint32_t address = 0;
+    std::uint32_t connect = 0;
+    std::uint32_t login = 0;
+    std::uint32_t query = 0;
+    std::uint32_t heartbeat = 0;
+};
+
+// One daemon's trace, kept when asked for (the test reads it).
+enum class Event
+{
+    Noticed,
+    StatusSent,
+    ReconnectWait, // value: the wait in seconds
+    AddressSent,
+    Connected,
+    ConnectFailed,
+    LoginSent,
+    QuerySent,
+    QueryAnswered,
+    HeartbeatSent
+};
+struct TraceItem
+{
+    Micros at;
+    Event event;
+    int value;
+};
+
+constexpr Micros kNotFailed = -2;
+
+struct Result
+{
+    Micros lead = 5 * kSecond; // bins start this long before `fail`
+    std::vector<Bin> bins;
+    // Per daemon whose connection was closed: its first query answered after `fail` (relative
+    // to it), -1 if none within the horizon; kNotFailed for a daemon that kept its connection.
+    std::vector<Micros> recovered;
+    std::vector<TraceItem> trace; // of daemon `traceDaemon`, if any
+};
+
+Result simulate(const Scenario& scenario, const Environment& env, const Rules& rules = Rules(),
+                int traceDaemon = -1);
+
+// Nearest-rank percentile of the recovery times (s) of the daemons whose connection was closed;
+// -1 if the daemon at that rank is not back within the horizon (or none was closed).
+double recoveryPercentileS(const Result& result, double p);
+
+} // namespace fleetmodel
