@@ -43,27 +43,25 @@ MsgClient::MsgClient(QObject* parent, const MsgClientTimes& times)
     connect(this, SIGNAL(checkstatus(bool)), this, SLOT(oncheckstatus(bool)));
     connect(this, SIGNAL(checkuserinfo()), this, SLOT(oncheckUserInfor()));
     connect(this, SIGNAL(socketerror()), this, SLOT(onsocketerror()));
-    // Children of this object, made on its thread: the pending step, the pending restart, the
-    // answer watchdog and the network-error timer.
-    m_runTimer = new QTimer(this);
-    m_runTimer->setSingleShot(true);
-    connect(m_runTimer, SIGNAL(timeout()), this, SLOT(onRun()));
-    m_reconnectTimer = new QTimer(this);
-    m_reconnectTimer->setSingleShot(true);
-    connect(m_reconnectTimer, SIGNAL(timeout()), this, SLOT(onsocketerror()));
-    m_checkTimer = new QTimer(this);
-    m_checkTimer->setSingleShot(true);
-    connect(m_checkTimer, SIGNAL(timeout()), this, SLOT(onCheckTimer()));
-    m_frameTimer = new QTimer(this);
-    m_frameTimer->setSingleShot(true);
-    connect(m_frameTimer, SIGNAL(timeout()), this, SLOT(onFrameTimer()));
-    m_netCheckTimer = new QTimer(this);
+    // Children of this object, made on its thread, started and stopped for its whole life.
+    m_runTimer = makeTimer(true, SLOT(onRun()));
+    m_reconnectTimer = makeTimer(true, SLOT(onsocketerror()));
+    m_checkTimer = makeTimer(true, SLOT(onCheckTimer()));
+    m_frameTimer = makeTimer(true, SLOT(onFrameTimer()));
+    m_netCheckTimer = makeTimer(false, SLOT(onNetError()));
     m_netCheckTimer->setInterval(m_times.netErrorMs);
-    connect(m_netCheckTimer, SIGNAL(timeout()), this, SLOT(onNetError()));
     m_netWatch = new NetworkWatch(this);
     connect(m_netWatch, SIGNAL(pathLost(QString)), this, SLOT(onPathLost(QString)));
     m_process = kStepConnect;
     startRunTimer();
+}
+
+QTimer* MsgClient::makeTimer(bool singleShot, const char* slot)
+{
+    auto* timer = new QTimer(this);
+    timer->setSingleShot(singleShot);
+    connect(timer, SIGNAL(timeout()), this, slot);
+    return timer;
 }
 
 MsgClient::~MsgClient()

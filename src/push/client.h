@@ -237,6 +237,7 @@ private:
     void attachSocket(ClientTcpSocket* socket);
     void detachSocket();
     std::string scopeName(const char* function) const;
+    QTimer* makeTimer(bool singleShot, const char* slot);
     // Frees the sockets closed while a socket signal was being delivered.
     void freeClosedSockets();
 
