@@ -27,9 +27,7 @@ constexpr quint64 kSessionRandomScale = 4095;
 constexpr int kSessionRandomShift = 32;
 constexpr int kDeviceAddressBase = 2;
 constexpr int kDeviceDigits = 10;
-} // namespace
 
-namespace {
 const ClockSource* g_sleepClocks = nullptr; // null: the system's
 } // namespace
 
@@ -266,7 +264,7 @@ void MsgClient::attachSocket(ClientTcpSocket* socket)
 
 void MsgClient::onPathLost(const QString& reason)
 {
-    const SocketInUse inSignal(this);
+    const SocketInUse inUse(this);
     failConnection(reason);
 }
 
@@ -344,7 +342,7 @@ void MsgClient::freeClosedSockets()
 void MsgClient::onSendHeartTimer()
 {
     Infor tracer(kLogTrace, scopeName("onSendHeartTimer"));
-    const SocketInUse inSignal(this);
+    const SocketInUse inUse(this);
     // The heartbeat runs on the boot-time clock, so it comes at once after a resume. A
     // connection that slept is renewed rather than probed: its path has most likely changed.
     const qint64 slept = m_sleepWatch.sleptMsSinceLast();

@@ -101,12 +101,13 @@ struct LinkPoint
 // status check waiting for its answer. The HTTP requests wait in nested event loops, where socket
 // signals and timers keep coming, so work overlaps. The rules that keep one chain of steps:
 // - one step timer: a restart replaces the pending step of the chain before it;
-// - a restart detaches the old socket, so its late signals reach nothing;
+// - a restart detaches the old socket, so its late signals reach nothing, and stops its
+//   watchdog, its network-error timer and the wait for the rest of a frame;
 // - a newer status check abandons the one still waiting and takes over its wish to reconnect, so
 //   a status request that never answers holds nothing back;
 // - one restart timer, re-armed by every confirmation to the newest back-off;
-// - everything that waited (a step, a query, a heartbeat, a status check, the network-error
-//   timer) acts only on the connection and step it started with.
+// - everything that waited (a step, a query, a heartbeat, a status check) acts only on the
+//   connection and step it started with.
 class MsgClient : public QObject
 {
     Q_OBJECT

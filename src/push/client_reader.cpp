@@ -158,7 +158,7 @@ int MsgClient::readFromServer(QByteArray& out)
 void MsgClient::onReadyRead()
 {
     Infor tracer(kLogTrace, scopeName("onReadyRead"));
-    const SocketInUse inSignal(this);
+    const SocketInUse inUse(this);
     // Every whole frame the socket holds is read now: Qt signals again only for bytes that
     // arrive later, and a frame that came in the same segment as the one before must not wait
     // for them. A frame still arriving (on a real link an answer of a few kB spans segments) is
@@ -180,7 +180,7 @@ void MsgClient::onReadyRead()
 
 void MsgClient::onFrameTimer()
 {
-    const SocketInUse inSignal(this);
+    const SocketInUse inUse(this);
     // The rest of the frame did not come: it is read as it is and fails as a cut frame would.
     if (m_socket && m_socket->bytesAvailable() > 0)
         readOneFrame();
@@ -248,7 +248,7 @@ bool MsgClient::readOneFrame()
 void MsgClient::ondisconnected()
 {
     Infor tracer(kLogTrace, scopeName("ondisconnected"));
-    const SocketInUse inSignal(this);
+    const SocketInUse inUse(this);
     const QString error = m_socket ? m_socket->errorString() : QString();
     logger()->Msg(kLogError, "server disconnect to socket, error is %s",
                   error.toUtf8().constData());
