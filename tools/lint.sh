@@ -21,6 +21,11 @@ if ! clang-format --dry-run --Werror "${sources[@]}"; then
     failed+=(clang-format)
 fi
 
+echo "== layers: no relative include between the daemon's folders"
+if ! bash tests/layers/probe.sh --relative src; then
+    failed+=(layers)
+fi
+
 echo "== cppcheck"
 existing=()
 for d in "${dirs[@]}"; do [ -d "$d" ] && existing+=("$d"); done
