@@ -2,6 +2,7 @@
 #include "core/serviceurls.h"
 #include "httpstub.h"
 #include "link/communication.h"
+#include "mainappside.h"
 #include "ownership.h"
 
 #include <QDir>
@@ -26,16 +27,16 @@ class tst_Daemon : public QObject
 private slots:
     void init();
     void cleanup();
-    void secondAndStaleInstances();
-    void mainAppLockReleasedWhileLinkDown_exits();
-    void otherUser_closedUnreadWhileUserIsServed();
-    void mainApp_privateTmpDir_data();
-    void mainApp_privateTmpDir();
+    void secondInstanceLeavesAndAStaleOneBlocksNothing();
+    void exitsWhenTheMainAppLockIsFreedWhileTheLinkIsDown();
+    void anotherUsersConnectionIsClosedUnread();
+    void mainAppGivesTheDaemonAPrivateTmpDir_data();
+    void mainAppGivesTheDaemonAPrivateTmpDir();
 
 private:
-    void start(QProcess& process, QLocalSocket* socket = nullptr, const QString& program = kDaemon,
+    void start(QProcess& process, MainAppSide* mainApp = nullptr, const QString& program = kDaemon,
                const QStringList& arguments = {});
-    void exitWithZero(QLocalSocket& socket, const QByteArray& exit = R"({"exit":true})");
+    void exitWithZero(MainAppSide& mainApp);
     static void endsWithZero(QProcess& process);
     QString socketPath() const { return m_tmp + "/" + kInstanceId; }
     QByteArray logText() const;
@@ -63,26 +64,20 @@ void tst_Daemon::cleanup()
     m_daemon.waitForFinished(3000);
 }
 
-// Starts the daemon; with a socket, connects it (retrying while the daemon starts listening).
-void tst_Daemon::start(QProcess& process, QLocalSocket* socket, const QString& program,
+// Starts the daemon; with a main application, connects it.
+void tst_Daemon::start(QProcess& process, MainAppSide* mainApp, const QString& program,
                        const QStringList& arguments)
 {
     process.setProcessEnvironment(m_env);
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.start(program, arguments);
     QVERIFY(process.waitForStarted(30000));
-    for (QDeadlineTimer deadline(30000); socket && !deadline.hasExpired(); QTest::qWait(50)) {
-        socket->connectToServer(socketPath());
-        if (socket->waitForConnected(500))
-            return;
-    }
-    QVERIFY2(!socket, "the daemon does not listen");
+    QVERIFY2(!mainApp || mainApp->connectTo(socketPath()), "the daemon does not listen");
 }
 
-void tst_Daemon::exitWithZero(QLocalSocket& socket, const QByteArray& exit)
+void tst_Daemon::exitWithZero(MainAppSide& mainApp)
 {
-    socket.write(exit);
-    socket.flush();
+    mainApp.sendExit();
     endsWithZero(m_daemon);
 }
 
@@ -93,9 +88,9 @@ void tst_Daemon::endsWithZero(QProcess& process)
     QCOMPARE(process.exitCode(), 0);
 }
 
-void tst_Daemon::secondAndStaleInstances()
+void tst_Daemon::secondInstanceLeavesAndAStaleOneBlocksNothing()
 {
-    QLocalSocket first, second;
+    MainAppSide first, second;
     start(m_daemon, &first);
     QProcess other;
     start(other);
@@ -107,7 +102,7 @@ void tst_Daemon::secondAndStaleInstances()
     // A killed daemon leaves its socket file and lock file; neither stops the next start.
     ::kill(pid_t(m_daemon.processId()), SIGKILL);
     QVERIFY(m_daemon.waitForFinished(30000));
-    first.abort();
+    first.socket().abort();
     const QString lockFile = m_tmp + "/d627_" + kInstanceId + "-lockfile";
     QVERIFY(QFileInfo::exists(socketPath()) && QFile::exists(lockFile));
     start(m_daemon, &second);
@@ -115,7 +110,7 @@ void tst_Daemon::secondAndStaleInstances()
     QVERIFY(!QFile::exists(lockFile));
 }
 
-void tst_Daemon::mainAppLockReleasedWhileLinkDown_exits()
+void tst_Daemon::exitsWhenTheMainAppLockIsFreedWhileTheLinkIsDown()
 {
     const QString lock = m_dir->path() + "/main.lock";
     QProcess holder;
@@ -134,16 +129,13 @@ void tst_Daemon::mainAppLockReleasedWhileLinkDown_exits()
         }
         return opens;
     };
-    QLocalSocket socket;
-    start(m_daemon, &socket);
+    MainAppSide mainApp;
+    start(m_daemon, &mainApp);
     // No user id: the client thread waits and never dials a service.
-    socket.write(QString(R"({"user_id":"","pid":%1,"lockfile":"%2","loglevel":1})")
-                     .arg(holder.processId())
-                     .arg(lock)
-                     .toUtf8());
-    socket.flush();
+    mainApp.sendLogin(
+        {{"user_id", ""}, {"pid", int(holder.processId())}, {"lockfile", lock}, {"loglevel", 1}});
     QTRY_VERIFY_WITH_TIMEOUT(logText().contains("OnReadyRead data is"), 30000);
-    socket.disconnectFromServer();
+    mainApp.socket().disconnectFromServer();
 
     // While the main application holds its lock, the daemon stays, look after look.
     QTRY_VERIFY_WITH_TIMEOUT(countOpens() >= 9, 30000);
@@ -167,18 +159,17 @@ QByteArray tst_Daemon::logText() const
     return logs.size() == 1 && log.open(QIODevice::ReadOnly) ? log.readAll() : "";
 }
 
-void tst_Daemon::otherUser_closedUnreadWhileUserIsServed()
+void tst_Daemon::anotherUsersConnectionIsClosedUnread()
 {
     if (!ownership::canSwitch())
         QSKIP(kCannotSwitch);
     for (const QString& dir : {m_dir->path(), m_tmp}) // user 65534 may reach the socket file
         QCOMPARE(::chmod(QFile::encodeName(dir).constData(), 0755), 0);
-    QLocalSocket socket;
+    MainAppSide mainApp;
     const mode_t before = ::umask(022);
-    start(m_daemon, &socket);
+    start(m_daemon, &mainApp);
     ::umask(before);
-    socket.write(R"({"user_id":"","loglevel":1})");
-    socket.flush();
+    mainApp.sendLogin({{"user_id", ""}, {"loglevel", 1}});
     QTRY_VERIFY(logText().contains("OnReadyRead data is"));
     QCOMPARE(ownership::mode(socketPath()), 0700);
 
@@ -191,11 +182,11 @@ void tst_Daemon::otherUser_closedUnreadWhileUserIsServed()
     QVERIFY(logText().contains("local connection of another user (uid 65534) closed unread"));
     QVERIFY(!logText().contains(exit));
     QCOMPARE(m_daemon.state(), QProcess::Running);
-    QCOMPARE(socket.state(), QLocalSocket::ConnectedState);
-    exitWithZero(socket, exit);
+    QCOMPARE(mainApp.socket().state(), QLocalSocket::ConnectedState);
+    exitWithZero(mainApp);
 }
 
-void tst_Daemon::mainApp_privateTmpDir_data()
+void tst_Daemon::mainAppGivesTheDaemonAPrivateTmpDir_data()
 {
     QTest::addColumn<bool>("runtimeDir");
     QTest::addColumn<int>("foreign"); // 1: its folder made by another user; 2: an impostor
@@ -206,7 +197,7 @@ void tst_Daemon::mainApp_privateTmpDir_data()
     QTest::newRow("daemon of another user") << true << 2 << QByteArray("runs as user id 65534");
 }
 
-void tst_Daemon::mainApp_privateTmpDir()
+void tst_Daemon::mainAppGivesTheDaemonAPrivateTmpDir()
 {
     QFETCH(bool, runtimeDir);
     QFETCH(int, foreign);
