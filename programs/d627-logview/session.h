@@ -41,7 +41,7 @@ struct Summary
     int connections = 0;
     qint64 connectedMs = 0;
     qint64 notConnectedMs = 0;
-    qint64 longestOutageMs = 0;
+    qint64 longestOutageMs = 0; // the longest stretch not connected
     QList<Mark> failures; // what: the cause
     QList<Mark> checks;   // what: the answer
     QList<Span> backoffs;
@@ -72,6 +72,9 @@ private:
     void holdCause(const LogLine& line, const QString& cause);
     void flushHeldCause();
     void connectionLost(qint64 at);
+    // A stretch not connected ends: from the run's start or a lost connection to a login step or
+    // the run's end. Together they make up the time not connected.
+    void endOutage(qint64 at);
     void endStep(qint64 at);
     void endRun();
 

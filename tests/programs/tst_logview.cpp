@@ -60,6 +60,8 @@ struct Picture
     bool parsed = false;
     QStringList texts;
     QMap<QString, QList<double>> markers; // series title -> seconds of the day
+    // Key entries (title and sample) that stand partly outside the picture.
+    QStringList keyOutside;
 };
 
 Picture readSvg(const QByteArray& svg)
@@ -71,6 +73,8 @@ Picture readSvg(const QByteArray& svg)
     double tickY = 1e9;
     QList<QPair<QString, QPointF>> uses;
     QPointF at;
+    double width = 0;
+    QList<QPair<QString, QPointF>> texts; // and where each stands
     const QRegularExpression translate("translate\\(([-\\d.]+),([-\\d.]+)\\)");
     while (!xml.atEnd()) {
         xml.readNext();
@@ -80,6 +84,8 @@ Picture readSvg(const QByteArray& svg)
             translate.match(xml.attributes().value("transform").toString());
         if (moved.hasMatch())
             at = QPointF(moved.captured(1).toDouble(), moved.captured(2).toDouble());
+        if (xml.name() == QLatin1String("svg"))
+            width = xml.attributes().value("viewBox").toString().split(' ').value(2).toDouble();
         // A series' group starts with its entry in the key.
         if (xml.name() == QLatin1String("g") && xml.attributes().hasAttribute("id"))
             series.clear();
@@ -90,6 +96,7 @@ Picture readSvg(const QByteArray& svg)
             picture.texts << text;
             if (series.isNull())
                 series = text;
+            texts << qMakePair(text, at);
             if (QRegularExpression("^\\d\\d:\\d\\d:\\d\\d$").match(text).hasMatch()) {
                 ticks << QPointF(at.x(), secondsOfDay(text));
                 tickY = at.y();
@@ -105,6 +112,15 @@ Picture readSvg(const QByteArray& svg)
         if (use.second.y() < tickY) // above the axis labels: in the plot, not in the key
             picture.markers[use.first]
                 << ticks.first().y() + (use.second.x() - ticks.first().x()) * scale;
+        else if (use.second.x() < 0 || use.second.x() > width)
+            picture.keyOutside << use.first + " (its sample)";
+    }
+    // A title of the key ends at its anchor, and a character of the 12-point font is narrower
+    // than 8 px.
+    for (const auto& text : qAsConst(texts)) {
+        if (text.second.y() > tickY &&
+            (text.second.x() > width || text.second.x() - 8.0 * text.first.size() < 0))
+            picture.keyOutside << text.first;
     }
     return picture;
 }
@@ -163,6 +179,16 @@ void tst_Logview::stories_data()
         << QStringList{"messages/0/kind=logout",   "messages/0/text=kicked",
                        "messages/1/kind=",         "statusResults/logged out=1",
                        "failures/disconnection=1", "runs/0/ended=after reporting a logout"};
+    // Every lane busy and every kind of entry in the key at once, as in the demo.
+    QTest::newRow("changes, notice and drop")
+        << 1 << QStringList()
+        << QStringList{toRunning,      "avatar url=http://127.0.0.1/a.png",
+                       "vip level=5",  "=\"vip_level\":5",
+                       "notice id=42", "=\"notice_id\":\"42\"",
+                       "drop",         toRunning}
+        << false
+        << QStringList{"messages/0/kind=avatar", "messages/1/kind=membership", "connections=2",
+                       "longestOutageMs>0"};
     QTest::newRow("address lookup failure")
         << 1 << QStringList() << QStringList{toRunning,
                                              "address mode=state0",
@@ -179,7 +205,8 @@ void tst_Logview::stories_data()
                        "FAKE_EC627_REAL=" + lib + "/libec627.so", "FAKE_EC627_FAIL=ec627_decode"}
         << QStringList{"=decode failed!", "=check status is login, would reconnect"} << false
         << QStringList{"failures/cipher failure=#decode failed!",
-                       "failures/read failure=", "connections=#current process is 1!", "notices=0"};
+                       "failures/read failure=", "connections=#current process is 1!", "notices=0",
+                       "longestOutageMs>0"};
 }
 
 void tst_Logview::stories()
@@ -228,6 +255,14 @@ void tst_Logview::stories()
         else
             QCOMPARE(found + "  <- " + check, wanted + "  <- " + check);
     }
+    // The stretches not connected make up the time not connected: the longest lies within it,
+    // and there is one whenever that time is not zero.
+    const qint64 notConnected = valueAt(summary, "notConnectedMs").toLongLong();
+    const qint64 longestOutage = valueAt(summary, "longestOutageMs").toLongLong();
+    QVERIFY2(longestOutage <= notConnected && (longestOutage > 0) == (notConnected > 0),
+             qPrintable(QString("longest outage %1 ms, not connected %2 ms")
+                            .arg(longestOutage)
+                            .arg(notConnected)));
     // The text summary tells the same.
     const Run text = logview({log});
     QVERIFY(
@@ -240,6 +275,7 @@ void tst_Logview::stories()
     QVERIFY2(picture.parsed, "the timeline is no readable SVG with a time axis");
     for (const QString& lane : kLanes)
         QCOMPARE(picture.texts.count(lane), 1);
+    QVERIFY2(picture.keyOutside.isEmpty(), qPrintable(picture.keyOutside.join(", ")));
     for (const QJsonValue failure : summary.value("failureList").toArray()) {
         const QString cause = failure.toObject().value("cause").toString();
         const double at = secondsOfDay(failure.toObject().value("time").toString());
