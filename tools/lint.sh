@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Static checks on the project's own code (src, ec627, tools, tests, bench, fuzz), strict: exits
+# Static checks on the project's own code (src, ec627, programs, tools, tests, bench, fuzz), strict: exits
 # non-zero on any clang-format difference, any cppcheck finding or any clang-tidy finding.
 #   bash tools/lint.sh [build-dir]
 # clang-tidy needs a compile database with the generated headers; the build directory (default
@@ -11,7 +11,7 @@ set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-$root/build-lint}
 cd "$root"
-dirs=(src ec627 tools tests bench fuzz)
+dirs=(src ec627 programs tools tests bench fuzz)
 mapfile -t sources < <(git ls-files -- "${dirs[@]/%//*.cpp}" "${dirs[@]/%//*.h}")
 mapfile -t units < <(git ls-files -- "${dirs[@]/%//*.cpp}")
 failed=()

@@ -42,8 +42,8 @@ struct Summary
     qint64 connectedMs = 0;
     qint64 notConnectedMs = 0;
     qint64 longestOutageMs = 0; // the longest stretch not connected
-    QList<Mark> failures; // what: the cause
-    QList<Mark> checks;   // what: the answer
+    QList<Mark> failures;       // what: the cause
+    QList<Mark> checks;         // what: the answer
     QList<Span> backoffs;
     QList<Mark> notices;  // what: "notice", "query" or "answer"
     QList<Mark> messages; // to the main application; what: "logout", "avatar", "membership", ...

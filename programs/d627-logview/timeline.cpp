@@ -166,10 +166,11 @@ QByteArray Timeline::script(const QString& output, Format format) const
     const int keyRows = qMax(1, (key.entries + columns - 1) / columns);
     const int heightPx = kPlotHeightPx + keyRows * kKeyRowPx;
     const QByteArray size = QByteArray::number(kWidthPx) + ',' + QByteArray::number(heightPx);
-    QByteArray head = format == Svg ? "set terminal svg size " + size +
-                                          " dynamic noenhanced font 'Sans,12' background '#ffffff'\n"
-                                    : "set terminal pngcairo size " + size +
-                                          " noenhanced font 'Sans,12' background '#ffffff'\n";
+    QByteArray head = format == Svg
+                          ? "set terminal svg size " + size +
+                                " dynamic noenhanced font 'Sans,12' background '#ffffff'\n"
+                          : "set terminal pngcairo size " + size +
+                                " noenhanced font 'Sans,12' background '#ffffff'\n";
     head += "set output " + quoted(output) + "\n";
     head +=
         "set title " + quoted(QStringLiteral("d627 session, %1 run(s)").arg(s.runs.size())) + "\n";

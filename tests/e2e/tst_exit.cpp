@@ -151,13 +151,13 @@ void tst_Exit::endsWithZeroInEveryStateAndWay()
                     continue;
                 if (state != "idle")
                     run.link.send(QString(R"({"user_id":"%1","cookie":"USERSESSIONID=x;",)"
-                                           R"("user_agent":"exit/%2/%3/%1","pid":%4,)"
-                                           R"("lockfile":"%5/mainapp.lock","loglevel":0})")
-                                       .arg(run.uid)
-                                       .arg(state, way)
-                                       .arg(QCoreApplication::applicationPid())
-                                       .arg(run.dir.path())
-                                       .toUtf8());
+                                          R"("user_agent":"exit/%2/%3/%1","pid":%4,)"
+                                          R"("lockfile":"%5/mainapp.lock","loglevel":0})")
+                                      .arg(run.uid)
+                                      .arg(state, way)
+                                      .arg(QCoreApplication::applicationPid())
+                                      .arg(run.dir.path())
+                                      .toUtf8());
                 run.stage = 1;
             } else if (run.stage == 1 && stateSeen(run)) {
                 // Anywhere in the next stretch of the client thread's work, or, when aimed,
@@ -193,7 +193,8 @@ void tst_Exit::endsWithZeroInEveryStateAndWay()
                         run.process.exitCode() ? "exit code" : "",
                         QFile::exists(lock) ? "lock file left" : "",
                         way != "listen" && QFile::exists(run.socketPath()) ? "socket left" : "",
-                        way == "logout" && !run.link.received().contains("\"logout\"") ? "no logout" : "",
+                        way == "logout" && !run.link.received().contains("\"logout\"") ? "no logout"
+                                                                                       : "",
                         (way == "exit" || way == "gone") && run.stage != 3 ? "ended early" : ""}
                 .filter(QRegularExpression("."));
         if (!faults.isEmpty())

@@ -3,9 +3,8 @@
 #include "core/log.h"
 #include "link/adapter.h"
 #include "link/communication.h"
-#include "threads/threadmanager.h"
-
 #include "mainappside.h"
+#include "threads/threadmanager.h"
 
 #include <QDir>
 #include <QJsonDocument>

@@ -131,16 +131,16 @@ class tst_Logview : public QObject
     Q_OBJECT
 private slots:
     void cleanup() { h.cleanup(); }
-    void stories_data();
-    void stories();
-    void damagedFiles_data();
-    void damagedFiles();
+    void summaryAndPictureTellTheStory_data();
+    void summaryAndPictureTellTheStory();
+    void damagedFilesAreNamedPlainly_data();
+    void damagedFilesAreNamedPlainly();
 
 private:
     E2eHarness h;
 };
 
-void tst_Logview::stories_data()
+void tst_Logview::summaryAndPictureTellTheStory_data()
 {
     QTest::addColumn<int>("threshold");
     QTest::addColumn<QStringList>("environment"); // of the daemon
@@ -181,11 +181,10 @@ void tst_Logview::stories_data()
                        "failures/disconnection=1", "runs/0/ended=after reporting a logout"};
     // Every lane busy and every kind of entry in the key at once, as in the demo.
     QTest::newRow("changes, notice and drop")
-        << 1 << QStringList()
-        << QStringList{toRunning,      "avatar url=http://127.0.0.1/a.png",
-                       "vip level=5",  "=\"vip_level\":5",
-                       "notice id=42", "=\"notice_id\":\"42\"",
-                       "drop",         toRunning}
+        << 1 << QStringList() << QStringList{toRunning,      "avatar url=http://127.0.0.1/a.png",
+                                             "vip level=5",  "=\"vip_level\":5",
+                                             "notice id=42", "=\"notice_id\":\"42\"",
+                                             "drop",         toRunning}
         << false
         << QStringList{"messages/0/kind=avatar", "messages/1/kind=membership", "connections=2",
                        "longestOutageMs>0"};
@@ -209,7 +208,7 @@ void tst_Logview::stories_data()
                        "longestOutageMs>0"};
 }
 
-void tst_Logview::stories()
+void tst_Logview::summaryAndPictureTellTheStory()
 {
     QFETCH(int, threshold);
     QFETCH(QStringList, environment);
@@ -286,7 +285,7 @@ void tst_Logview::stories()
     }
 }
 
-void tst_Logview::damagedFiles_data()
+void tst_Logview::damagedFilesAreNamedPlainly_data()
 {
     QTest::addColumn<QStringList>("arguments"); // "%f": the file
     QTest::addColumn<QByteArray>("content");
@@ -327,7 +326,7 @@ void tst_Logview::damagedFiles_data()
                                   << "cannot be read";
 }
 
-void tst_Logview::damagedFiles()
+void tst_Logview::damagedFilesAreNamedPlainly()
 {
     QFETCH(QStringList, arguments);
     QFETCH(QByteArray, content);

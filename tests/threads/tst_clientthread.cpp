@@ -4,11 +4,10 @@
 #include "core/data.h"
 #include "core/datacenter.h"
 #include "core/log.h"
+#include "logcapture.h"
 #include "push/client.h"
 #include "threads/clientthread.h"
 #include "threads/threadmanager.h"
-
-#include "logcapture.h"
 
 #include <QtTest>
 

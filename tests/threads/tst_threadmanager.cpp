@@ -21,8 +21,8 @@ class tst_ThreadManager : public QObject
 private slots:
     void initTestCase();
     void cleanup();
-    void createStopCreate();
-    void cleanThread_reapsAllFinishedButOneStillFinishing();
+    void oneThreadPerTypeUntilItIsStopped();
+    void cleanThreadReapsTheFinishedButNotOneStillFinishing();
 
 private:
     LogCapture m_log;
@@ -42,7 +42,7 @@ void tst_ThreadManager::cleanup()
     m_manager->CleanThread();
 }
 
-void tst_ThreadManager::createStopCreate()
+void tst_ThreadManager::oneThreadPerTypeUntilItIsStopped()
 {
     for (int type : {0, 3, 5, 8, -1})
         QCOMPARE(m_manager->CreateThread(type, kTag), nullptr);
@@ -79,7 +79,7 @@ void tst_ThreadManager::createStopCreate()
 
 // "c" has left run() but is held inside its finished() signal: isFinished() is already true,
 // yet the thread still runs its own finishing code and must not be deleted.
-void tst_ThreadManager::cleanThread_reapsAllFinishedButOneStillFinishing()
+void tst_ThreadManager::cleanThreadReapsTheFinishedButNotOneStillFinishing()
 {
     QList<QPointer<CBaseThread>> threads;
     for (const char* tag : {"a", "b", "c", "d"})
