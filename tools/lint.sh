@@ -13,7 +13,8 @@ build=${1:-$root/build-lint}
 cd "$root"
 dirs=(src ec627 programs tools tests bench fuzz)
 mapfile -t sources < <(git ls-files -- "${dirs[@]/%//*.cpp}" "${dirs[@]/%//*.h}")
-mapfile -t units < <(git ls-files -- "${dirs[@]/%//*.cpp}")
+# The layer probes (tests/layers) are built to fail for some headers: not clang-tidy's to build.
+mapfile -t units < <(git ls-files -- "${dirs[@]/%//*.cpp}" | grep -v '^tests/layers/')
 failed=()
 
 echo "== clang-format (${#sources[@]} files)"
