@@ -134,7 +134,7 @@ Sample sample(qint64 pid)
 }
 
 // Resident kB of the cipher library (the stand-in and its libsodium) and of LZ4: what the
-// definition makes the daemon load beyond Qt.
+// daemon must load beyond Qt, since the protocol seals its frames and compresses its answers.
 double libraryRssKb(qint64 pid)
 {
     double kb = 0;

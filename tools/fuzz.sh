@@ -25,7 +25,7 @@ export LD_LIBRARY_PATH=$build/lib HOME=$work/home
 export ASAN_OPTIONS=detect_leaks=1:halt_on_error=1:abort_on_error=0
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 # Full allocation stacks, so that the one suppression can name the Qt function (see lsan.supp).
-export LSAN_OPTIONS=suppressions=$root/fuzz/lsan.supp:print_suppressions=0:fast_unwind_on_malloc=0:malloc_context_size=255
+export LSAN_OPTIONS=suppressions=$root/tools/sanitizers/fuzz-lsan.supp:print_suppressions=0:fast_unwind_on_malloc=0:malloc_context_size=255
 
 mapfile -t targets < <(cd "$root/fuzz/corpus" && ls -d -- */ | tr -d /)
 for t in "${targets[@]}"; do

@@ -5,6 +5,7 @@
 # past its time limit); it survives when the whole suite passes.
 #
 #   tools/mutate.sh [-j N] [-l FIRST-LAST] [--tests REGEX] [--rev REV] [--scratch DIR] [--keep]
+#   tools/mutate.sh --check [--list FILE]
 #
 #   -j N           plant N faults at a time, each in its own scratch copy (default 1)
 #   -l A-B         only the faults on lines A to B of the list (also "-l 7" for one line)
@@ -12,6 +13,8 @@
 #   --rev REV      test the tree of a commit instead of the working tree
 #   --list FILE    another list of faults (default tools/mutants.txt)
 #   --scratch DIR  where the copies and builds go (default /tmp/d627-mutate); reused when kept
+#   --check        plant nothing: print how many faults the list holds and fail on any whose
+#                  original text does not occur exactly once in its file
 #
 # Lines of the list: file|exact original text|replacement|short description. The original text
 # must occur exactly once in the file. Lines starting with # are comments; a fault that no test
@@ -21,9 +24,10 @@
 # inside a private network namespace so that fixed ports never clash with anything else.
 set -u
 here=$(cd "$(dirname "$0")/.." && pwd)
-jobs=1 range="" tests="" rev="" list="$here/tools/mutants.txt" scratch=/tmp/d627-mutate
+jobs=1 range="" tests="" rev="" list="$here/tools/mutants.txt" scratch=/tmp/d627-mutate check=0
 while [ $# -gt 0 ]; do
     case "$1" in
+    --check) check=1; shift ;;
     -j) jobs=$2; shift 2 ;;
     -j*) jobs=${1#-j}; shift ;;
     -l) range=$2; shift 2 ;;
@@ -31,10 +35,33 @@ while [ $# -gt 0 ]; do
     --rev) rev=$2; shift 2 ;;
     --list) list=$(cd "$(dirname "$2")" && pwd)/$(basename "$2"); shift 2 ;;
     --scratch) scratch=$2; shift 2 ;;
-    -h | --help) sed -n '2,20p' "$0"; exit 0 ;;
+    -h | --help) sed -n '2,23p' "$0"; exit 0 ;;
     *) echo "unknown option $1" >&2; exit 2 ;;
     esac
 done
+
+if [ $check = 1 ]; then
+    LIST=$list ROOT=$here python3 - <<'CHECK'
+import os, sys
+faults = missing = 0
+for no, line in enumerate(open(os.environ["LIST"], encoding="utf-8"), 1):
+    line = line.rstrip("\n")
+    if not line or line.startswith("#"):
+        continue
+    faults += 1
+    path, original = line.split("|")[:2]
+    try:
+        found = open(os.path.join(os.environ["ROOT"], path), encoding="utf-8").read().count(original)
+    except OSError:
+        found = 0
+    if found != 1:
+        missing += 1
+        print(f"line {no}: {path}: the original text occurs {found} times")
+print(f"{faults} faults, {faults - missing} match the code")
+sys.exit(1 if missing else 0)
+CHECK
+    exit $?
+fi
 
 if [ "${D627_MUTATE_NS:-}" != 1 ]; then
     export D627_MUTATE_NS=1

@@ -6,19 +6,7 @@
 
 #include <QLocalServer>
 #include <QLocalSocket>
-#include <sys/socket.h>
 #include <unistd.h>
-
-qint64 GetPeerUserId(qintptr socketDescriptor)
-{
-    struct ucred credentials = {};
-    socklen_t size = sizeof credentials;
-    if (socketDescriptor < 0 ||
-        ::getsockopt(int(socketDescriptor), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0 ||
-        size != sizeof credentials)
-        return -1;
-    return qint64(credentials.uid);
-}
 
 Communication::Communication(QObject* parent) : QObject(parent), m_server(new QLocalServer(this))
 {

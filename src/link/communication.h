@@ -1,19 +1,13 @@
 #pragma once
 // SPDX-License-Identifier: Apache-2.0
 
+#include "locallink/locallink.h"
+
 #include <QByteArray>
 #include <QObject>
 
 class QLocalServer;
 class QLocalSocket;
-
-// The daemon's fixed identifier. It names the local server the main application connects to,
-// and the single-instance lock file.
-constexpr const char* kInstanceId = "90f5b5e6317542f5aa4beb51d0b9abca2631d3ee";
-
-// The user id of the process at the other end of a connected local socket (its credentials
-// at connect time), or -1 when the descriptor does not tell.
-qint64 GetPeerUserId(qintptr socketDescriptor);
 
 // The daemon's end of the local link: a local server under the instance name and the one
 // current client. Only its own user may connect: the socket file is owner-only, and a

@@ -134,7 +134,7 @@ private slots:
             QVERIFY(m_log.contains(logLine.replace("%1", QString::number(code))));
     }
 
-    void frameBytes()
+    void framesAreLaidOutByteForByte()
     {
         setMode("ok");
         QByteArray out;
@@ -158,7 +158,7 @@ private slots:
             QByteArray("IOOS\x04\x03\x02\x01\0\0\0\0\x09\0\0\0ENC:\x0D\x0C\x0B\x0Ax", 25).toHex());
     }
 
-    void capacityRules()
+    void buffersFollowTheLibrarysLengths()
     {
         QByteArray out("untouched");
         unsigned char tok[128];
@@ -211,7 +211,7 @@ private slots:
         QCOMPARE(se()->token(), QString("fake-token-627"));
     }
 
-    void m627KeysAndForm()
+    void formBodyKeyFollowsTheTime()
     {
         StringEncrypt::destroyInstance();
         setMode("ok");

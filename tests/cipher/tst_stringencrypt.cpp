@@ -46,13 +46,13 @@ private slots:
     }
     void init() { m_log.mark(); }
 
-    void dataRoundTrip_data()
+    void dataRoundTripsThroughTheLibrary_data()
     {
         QTest::addColumn<int>("size");
         for (int n : {0, 1, 8, 1000, 200000})
             QTest::newRow(qPrintable(QString::number(n))) << n;
     }
-    void dataRoundTrip()
+    void dataRoundTripsThroughTheLibrary()
     {
         QFETCH(int, size);
         QByteArray plain(size, '\0');
@@ -70,7 +70,7 @@ private slots:
                 enctypt::ec627_decode_len(bytes, sealed.size()) + 512);
     }
 
-    void messageSeals()
+    void messagesAreSealedForTheServer()
     {
         QVERIFY(QRegularExpression("^627-[0-9a-f]{32}$").match(se()->token()).hasMatch());
         const QString first = se()->token();
@@ -105,7 +105,7 @@ private slots:
     // rejects is no failure: the text is what the decompressor left before the error, up to the
     // first NUL, never more than 16 * encrypted size + 1536 (the tail may hold bytes LZ4 copied
     // before it noticed). A block that yields nothing is a failure; others leave the text alone.
-    void answers_data()
+    void answersAreOpenedOrFailClearly_data()
     {
         QTest::addColumn<QByteArray>("head");
         QTest::addColumn<QByteArray>("body");
@@ -178,7 +178,7 @@ private slots:
         for (int size : {3, 5, 15, 17})
             fails((rspHead("JOOS", 1, false, 50) + 'x').left(size), body, sizeLine.arg(size));
     }
-    void answers()
+    void answersAreOpenedOrFailClearly()
     {
         QFETCH(QByteArray, head);
         QFETCH(QByteArray, body);

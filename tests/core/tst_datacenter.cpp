@@ -9,7 +9,7 @@ class tst_DataCenter : public QObject
     Q_OBJECT
 private slots:
     void cleanup() { DataCenter::destroyInstance(); }
-    void defaultsAndPendingChanges()
+    void changesArePendingUntilTaken()
     {
         DataCenter* center = DataCenter::getInstance();
         QVERIFY(center->IsMainAppExist() && !center->isNetError());
@@ -31,7 +31,7 @@ private slots:
         center->SetUserFace(QString());
         QVERIFY(!center->isUserFaceChanged());
     }
-    void setSetting_data()
+    void settingBitsAreReadByValue_data()
     {
         QTest::addColumn<int>("bits");
         QTest::addColumn<bool>("rc");
@@ -41,7 +41,7 @@ private slots:
         QTest::newRow("2 https only") << 2 << false << true << false;
         QTest::newRow("13 rc and encrypt, 8 ignored") << 13 << true << false << true;
     }
-    void setSetting()
+    void settingBitsAreReadByValue()
     {
         QFETCH(int, bits);
         DataCenter* center = DataCenter::getInstance();
@@ -52,7 +52,7 @@ private slots:
         QTEST(center->isEncryptRequest(), "encrypt");
     }
     // A writer thread swaps between two complete records; readers must never see a mix.
-    void records_concurrentCopiesStayWhole()
+    void concurrentCopiesOfARecordStayWhole()
     {
         DataCenter* center = DataCenter::getInstance();
         const CLoginInfor a{{{"cookie", "one"}}, "1"};

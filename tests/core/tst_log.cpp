@@ -39,7 +39,7 @@ private slots:
         LogManager::destroyInstance();
         DataCenter::destroyInstance();
     }
-    void levelFilter_data()
+    void linesAtOrAboveTheThresholdAreWritten_data()
     {
         QTest::addColumn<int>("threshold");
         QTest::addColumn<QStringList>("expected");
@@ -52,7 +52,7 @@ private slots:
             << QStringList{"level0", "T----[Enter]", "T----[Leave]", "level1", "level3", "level4"};
         QTest::newRow("threshold 5 keeps nothing") << 5 << QStringList{};
     }
-    void levelFilter()
+    void linesAtOrAboveTheThresholdAreWritten()
     {
         QFETCH(int, threshold);
         QFETCH(QStringList, expected);
@@ -68,7 +68,7 @@ private slots:
         QCOMPARE(QFileInfo::exists(documents()), threshold != 0);
         QCOMPARE(log->fileName().isEmpty(), threshold == 0);
     }
-    void firstLines_markerPrefixAndCut()
+    void firstLinesCarryTheMarkerThePrefixAndTheCut()
     {
         LogManager* log = openLog(1);
         const QString folder = QRegularExpression::escape(documents() + "/627log/support/");
@@ -91,7 +91,7 @@ private slots:
     }
     // The log holds the cookie at levels 0 and 1: folders 0700 and files 0600 whatever the umask,
     // folders left open by an earlier run tightened, the hourly recycled file made afresh.
-    void hourlyRecycle_ownerOnlyEvenUnderUmaskZero()
+    void filesStayOwnerOnlyAndAreRecycledHourly()
     {
         const QString support = documents() + "/627log/support";
         QVERIFY(QDir().mkpath(support));

@@ -3,25 +3,27 @@
 // row with own TMPDIR and HOME, at a random moment after the state was seen. Its services at
 // 127.0.0.1:18627 are served here; the user agent "exit/<state>/<way>/<uid>" tells the case.
 
+#include "core/serviceurls.h"
 #include "httpstub.h"
 #include "link/communication.h"
+#include "mainappside.h"
 #include "pushstub.h"
 
-#include <QLocalSocket>
 #include <QTcpServer>
+#include <QUrl>
 #include <QtTest>
 #include <memory>
 
 namespace {
-const QByteArray kAddress = "/get_tcp_server";
-const QByteArray kSso = "/app/1.0/linux/5.0.1/check/sso";
+// The paths of the services compiled into the daemon.
+const QByteArray kAddress = QUrl(serviceurls::kPushAddressUrl).path().toUtf8();
+const QByteArray kSso = QUrl(serviceurls::kSsoStatusUrl).path().toUtf8();
 
 struct Run
 {
     QTemporaryDir dir;
     QProcess process;
-    QLocalSocket link;
-    QByteArray received;
+    MainAppSide link;
     int uid = 0;
     int stage = 0; // 0 started, 1 linked, 2 state seen, 3 ended by the test
     QDeadlineTimer actAt;
@@ -35,8 +37,8 @@ class tst_Exit : public QObject
 private slots:
     void initTestCase();
     void cleanupTestCase() { qInfo("exits: %d, crashes: %d", m_exits, m_crashes); }
-    void exits_data();
-    void exits();
+    void endsWithZeroInEveryStateAndWay_data();
+    void endsWithZeroInEveryStateAndWay();
 
 private:
     int seen(const QByteArray& path, int uid) const
@@ -77,7 +79,7 @@ void tst_Exit::initTestCase()
     });
 }
 
-void tst_Exit::exits_data()
+void tst_Exit::endsWithZeroInEveryStateAndWay_data()
 {
     QTest::addColumn<QString>("state");
     QTest::addColumn<QString>("way");
@@ -97,7 +99,7 @@ void tst_Exit::exits_data()
     }
 }
 
-void tst_Exit::exits()
+void tst_Exit::endsWithZeroInEveryStateAndWay()
 {
     QFETCH(QString, state);
     QFETCH(QString, way);
@@ -133,8 +135,6 @@ void tst_Exit::exits()
         run.process.setProcessChannelMode(QProcess::ForwardedErrorChannel); // sanitizer reports
         // A non-empty folder where the socket belongs: removeServer cannot clear it.
         QVERIFY(way != "listen" || QDir().mkpath(run.socketPath() + "/taken"));
-        connect(&run.link, &QLocalSocket::readyRead,
-                [&run] { run.received += run.link.readAll(); });
         run.process.start(D627_BIN_DIR "/d627", QStringList());
     }
 
@@ -147,18 +147,17 @@ void tst_Exit::exits()
         for (const std::unique_ptr<Run>& r : runs) {
             Run& run = *r;
             if (run.stage == 0 && way != "listen" && QFile::exists(run.socketPath())) {
-                run.link.connectToServer(run.socketPath());
-                if (!run.link.waitForConnected(5000))
+                if (!run.link.connectTo(run.socketPath(), 5000))
                     continue;
                 if (state != "idle")
-                    run.link.write(QString(R"({"user_id":"%1","cookie":"USERSESSIONID=x;",)"
-                                           R"("user_agent":"exit/%2/%3/%1","pid":%4,)"
-                                           R"("lockfile":"%5/mainapp.lock","loglevel":0})")
-                                       .arg(run.uid)
-                                       .arg(state, way)
-                                       .arg(QCoreApplication::applicationPid())
-                                       .arg(run.dir.path())
-                                       .toUtf8());
+                    run.link.send(QString(R"({"user_id":"%1","cookie":"USERSESSIONID=x;",)"
+                                          R"("user_agent":"exit/%2/%3/%1","pid":%4,)"
+                                          R"("lockfile":"%5/mainapp.lock","loglevel":0})")
+                                      .arg(run.uid)
+                                      .arg(state, way)
+                                      .arg(QCoreApplication::applicationPid())
+                                      .arg(run.dir.path())
+                                      .toUtf8());
                 run.stage = 1;
             } else if (run.stage == 1 && stateSeen(run)) {
                 // Anywhere in the next stretch of the client thread's work, or, when aimed,
@@ -168,9 +167,9 @@ void tst_Exit::exits()
                 run.stage = 2;
             } else if (run.stage == 2 && run.actAt.hasExpired()) {
                 if (way == "exit")
-                    run.link.write(R"({"exit":true})");
+                    run.link.sendExit();
                 else if (way == "gone")
-                    run.link.disconnectFromServer();
+                    run.link.socket().disconnectFromServer();
                 run.stage = 3;
             }
         }
@@ -194,7 +193,8 @@ void tst_Exit::exits()
                         run.process.exitCode() ? "exit code" : "",
                         QFile::exists(lock) ? "lock file left" : "",
                         way != "listen" && QFile::exists(run.socketPath()) ? "socket left" : "",
-                        way == "logout" && !run.received.contains("\"logout\"") ? "no logout" : "",
+                        way == "logout" && !run.link.received().contains("\"logout\"") ? "no logout"
+                                                                                       : "",
                         (way == "exit" || way == "gone") && run.stage != 3 ? "ended early" : ""}
                 .filter(QRegularExpression("."));
         if (!faults.isEmpty())

@@ -3,30 +3,39 @@
 #include "core/log.h"
 #include "link/adapter.h"
 #include "link/communication.h"
+#include "mainappside.h"
 #include "threads/threadmanager.h"
 
 #include <QDir>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QLocalSocket>
 #include <QTemporaryDir>
 #include <QTimer>
 #include <QtTest>
 
 namespace {
 constexpr int kTimedOut = 99;
+constexpr int kHandled = 98;
 time_t g_now = 1700000000;
+// An avatar no test row uses: its report, alone, shows that nothing else was sent before it.
+const QString kSentinelFace = "http://sentinel/face.png";
 
-// Runs the event loop until QCoreApplication::exit() or the time-out (then kTimedOut).
-int execUntilExit(int timeoutMs)
+// Runs the event loop until QCoreApplication::exit() or the time-out (then kTimedOut). With a
+// link, a message that the Adapter has handled without ending the loop ends it with kHandled:
+// the Adapter's slot runs before the one connected here, and an exit it asked for comes first.
+int execUntilExit(int timeoutMs, Communication* link = nullptr)
 {
-    const QObject guard; // ends the timer with this call
+    const QObject guard; // ends the timers and the connection with this call
     QTimer::singleShot(timeoutMs, &guard, [] { QCoreApplication::exit(kTimedOut); });
+    if (link)
+        QObject::connect(link, &Communication::readyRead, &guard, [&guard] {
+            QTimer::singleShot(0, &guard, [] { QCoreApplication::exit(kHandled); });
+        });
     return QCoreApplication::exec();
 }
 } // namespace
 
-// The main application is played by a real QLocalSocket connected to a real Adapter.
+// The main application is played by MainAppSide connected to a real Adapter.
 class tst_Adapter : public QObject
 {
     Q_OBJECT
@@ -54,26 +63,26 @@ private slots:
     }
     void cleanup()
     {
+        const QList<QByteArray> bad = m_client ? m_client->takeBadMessages() : QList<QByteArray>();
         m_client.reset();
         m_adapter.reset();
         ThreadManager* manager = ThreadManager::GetInstance();
         manager->StopThread(4, QVariant("MainAppDetect"));
         QTRY_VERIFY_WITH_TIMEOUT(!manager->IsExist(4), 30000);
         manager->CleanThread();
-        const QList<QByteArray> bad = std::exchange(m_badMessages, {});
         QVERIFY2(bad.isEmpty(), bad.value(0).constData());
     }
     // The ends on an exit message and on the main application gone are run with the real daemon.
-    void logoutRecord_sendsLogoutThenExits()
+    void logoutRecordIsSentThenTheLoopEnds()
     {
         const CLogoutInfor logout{true, QString::fromUtf8("kicked \xe2\x9c\x93")};
         DataCenter::getInstance()->SetUserFace("http://also/pending");
         DataCenter::getInstance()->SetLogoutInfor(logout);
         QCOMPARE(execUntilExit(30000), 0);
-        QCOMPARE(nextMessage(), QJsonObject({{"logout", logout.message}}));
+        QCOMPARE(m_client->next(), QJsonObject({{"logout", logout.message}}));
     }
     // None of these ends the loop, replies, or sets the pid, log level, https flag or user id.
-    void ignored_data()
+    void messageIsIgnored_data()
     {
         QTest::addColumn<QByteArray>("bytes");
         QTest::newRow("exit false")
@@ -85,14 +94,13 @@ private slots:
             R"({"user_id":77,"cookie":true,"setting":"7","pid":"12","loglevel":"1"})");
         QTest::newRow("level zero: no log") << QByteArray(R"({"user_id":"","loglevel":0})");
     }
-    void ignored()
+    void messageIsIgnored()
     {
         QFETCH(QByteArray, bytes);
         const QDir logs(m_dir.path() + "/Documents/627log/support");
         const QStringList before = logs.entryList(QDir::Files);
-        m_client->write(bytes);
-        QVERIFY(m_client->waitForBytesWritten(30000));
-        QCOMPARE(execUntilExit(500), kTimedOut);
+        m_client->send(bytes);
+        QCOMPARE(execUntilExit(30000, link()), kHandled);
         DataCenter* center = DataCenter::getInstance();
         CLoginInfor login;
         center->GetLoginInfor(login);
@@ -101,17 +109,20 @@ private slots:
         QCOMPARE(center->GetMainAppId(), 0);
         QVERIFY(!center->isHttpsRequest());
         QCOMPARE(logs.entryList(QDir::Files), before);
-        QVERIFY(nextMessage(100).isEmpty());
+        expectOnlyTheSentinel();
     }
-    void loginMessage_fillsDataCenterAndRequestsClientThread()
+    void loginMessageFillsTheDataCenterAndStartsOneClientThread()
     {
         DataCenter* center = DataCenter::getInstance();
         center->SetLogoutInfor({false, "old"});
         center->SetMainAppExist(false);
-        m_client->write(
-            R"({"user_id":"1001","cookie":"USERSESSIONID=u;PHPSESSID=p;","setting":6,)"
-            R"("user_agent":"agent/1.0","pid":4321,"lockfile":"/tmp/main.lock","loglevel":1})");
-        QVERIFY(m_client->waitForBytesWritten(30000));
+        m_client->sendLogin({{"user_id", "1001"},
+                             {"cookie", "USERSESSIONID=u;PHPSESSID=p;"},
+                             {"setting", 6},
+                             {"user_agent", "agent/1.0"},
+                             {"pid", 4321},
+                             {"lockfile", "/tmp/main.lock"},
+                             {"loglevel", 1}});
 
         QTRY_COMPARE_WITH_TIMEOUT(center->GetLogLevel(), 1, 30000); // the last key handled
         CLoginInfor login;
@@ -132,8 +143,7 @@ private slots:
 
         // A repeated login a second later opens a fresh file and is refused a second client thread.
         ++g_now;
-        m_client->write(R"({"user_id":"1001","loglevel":1})");
-        QVERIFY(m_client->waitForBytesWritten(30000));
+        m_client->sendLogin({{"user_id", "1001"}, {"loglevel", 1}});
         QTRY_VERIFY_WITH_TIMEOUT(LogManager::getInstance()->fileName() != logFile, 30000);
         QFile file(LogManager::getInstance()->fileName());
         QVERIFY(file.open(QIODevice::ReadOnly));
@@ -141,7 +151,7 @@ private slots:
     }
     // The row is the message expected; the changes that should produce it are read from it.
     // "\/" for "/": moc would read "//" in a raw string as a comment.
-    void pendingChanges_data()
+    void pendingChangesAreReportedOnce_data()
     {
         QTest::addColumn<QByteArray>("message");
         QTest::newRow("network only") << QByteArray(R"({"net_error":true})");
@@ -153,7 +163,7 @@ private slots:
         QTest::newRow("all four") << QByteArray(R"({"expire_time":8589934592,"net_error":true,)"
                                                 R"("user_face":"http:\/\/f/3.png","vip_level":3})");
     }
-    void pendingChanges()
+    void pendingChangesAreReportedOnce()
     {
         QFETCH(QByteArray, message);
         const QJsonObject expected = QJsonDocument::fromJson(message).object();
@@ -163,56 +173,50 @@ private slots:
         center->SetUserFace(expected.value("user_face").toString());
         center->SetVipInfor(expected.value("vip_level").toInt(-1),
                             qint64(expected.value("expire_time").toDouble(-1)));
-        QCOMPARE(nextMessage(), expected);
+        QCOMPARE(m_client->next(), expected);
         QVERIFY(!center->isUserFaceChanged() && !center->IsVipChanged());
         // Reported once only; a network flag flipped twice between ticks is no change either.
         center->SetNetError(!net);
         center->SetNetError(net);
-        QVERIFY(nextMessage(500).isEmpty());
+        expectOnlyTheSentinel();
         if (net) {
             center->SetNetError(false);
-            QCOMPARE(nextMessage(), QJsonObject({{"net_error", false}}));
+            QCOMPARE(m_client->next(), QJsonObject({{"net_error", false}}));
         }
     }
-    void linkDown_watchdogRunsAndChangesAreDropped()
+    void linkDownStartsTheWatchdogAndDropsChanges()
     {
         ThreadManager* manager = ThreadManager::GetInstance();
         QVERIFY(!manager->IsExist(4));
-        m_client->disconnectFromServer();
+        m_client->socket().disconnectFromServer();
         QTRY_VERIFY_WITH_TIMEOUT(manager->IsExist(4), 30000);
         DataCenter::getInstance()->SetUserFace("http://lost");
         QTRY_VERIFY_WITH_TIMEOUT(!DataCenter::getInstance()->isUserFaceChanged(), 30000);
         connectClient();
         // Stopped, not waited for: it finishes after its current pause.
         QTRY_VERIFY_WITH_TIMEOUT(!manager->IsExist(4), 30000);
-        QVERIFY(nextMessage(500).isEmpty());
+        expectOnlyTheSentinel();
     }
 
 private:
     void connectClient()
     {
-        QSignalSpy taken(m_adapter->findChild<Communication*>(), &Communication::connected);
-        m_client.reset(new QLocalSocket);
-        m_client->connectToServer(QString::fromLatin1(kInstanceId));
-        QVERIFY(m_client->waitForConnected(30000));
+        QSignalSpy taken(link(), &Communication::connected);
+        m_client.reset(new MainAppSide);
+        QVERIFY(m_client->connectTo(QString::fromLatin1(kInstanceId)));
         QTRY_COMPARE_WITH_TIMEOUT(taken.count(), 1, 30000);
     }
-    QJsonObject nextMessage(int timeoutMs = 30000)
+    Communication* link() const { return m_adapter->findChild<Communication*>(); }
+    // Nothing is pending: a change made now is the next report, and alone in it.
+    void expectOnlyTheSentinel()
     {
-        if (!QTest::qWaitFor([this] { return m_client->bytesAvailable() > 0; }, timeoutMs))
-            return {};
-        const QByteArray bytes = m_client->readAll();
-        // Compact, unframed: exactly one serialised object; anything else fails in cleanup().
-        const QJsonDocument document = QJsonDocument::fromJson(bytes);
-        if (!document.isObject() || bytes != document.toJson(QJsonDocument::Compact))
-            m_badMessages << bytes;
-        return document.object();
+        DataCenter::getInstance()->SetUserFace(kSentinelFace);
+        QCOMPARE(m_client->next(), QJsonObject({{"user_face", kSentinelFace}}));
     }
 
     QTemporaryDir m_dir;
     QScopedPointer<Adapter> m_adapter;
-    QScopedPointer<QLocalSocket> m_client;
-    QList<QByteArray> m_badMessages;
+    QScopedPointer<MainAppSide> m_client;
 };
 
 QTEST_GUILESS_MAIN(tst_Adapter)

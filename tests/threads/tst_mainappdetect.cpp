@@ -30,7 +30,7 @@ private slots:
             m_holder.waitForFinished(3000);
         }
     }
-    void isFileLocked_data()
+    void mainAppCountsAsAliveWhileItsLockIsHeld_data()
     {
         QTest::addColumn<bool>("held");
         QTest::addColumn<QString>("path");
@@ -50,7 +50,7 @@ private slots:
         QTest::newRow("announced id 0") << true << "lock"
                                         << "zero" << true << "";
     }
-    void isFileLocked()
+    void mainAppCountsAsAliveWhileItsLockIsHeld()
     {
         QFETCH(bool, held);
         QFETCH(QString, path);
@@ -81,7 +81,7 @@ private slots:
         else if (held)
             QVERIFY(QFile::exists(m_lockPath));
     }
-    void thread_clearsFlagOnceHolderIsGone()
+    void watchdogClearsTheAliveFlagOnceTheHolderIsGone()
     {
         QVERIFY(startHolder());
         DataCenter* center = DataCenter::getInstance();

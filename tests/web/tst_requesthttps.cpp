@@ -28,7 +28,7 @@ private slots:
             QVERIFY(m_http.listen(0));
         m_http.route("/echo", [](const HttpStubRequest&) { return HttpStubResponse::json("{}"); });
     }
-    void configUrl_data()
+    void settingBitsRewriteTheUrl_data()
     {
         QTest::addColumn<int>("setting");
         QTest::addColumn<QString>("url");
@@ -47,7 +47,7 @@ private slots:
         QTest::newRow("invalid url unchanged") << 2 << "http://exa mple.com:99999/"
                                                << "http://exa mple.com:99999/" << false;
     }
-    void configUrl()
+    void settingBitsRewriteTheUrl()
     {
         QFETCH(int, setting);
         QFETCH(QString, url);
@@ -59,7 +59,7 @@ private slots:
         QCOMPARE(url, expectedUrl);
     }
     // Status 0: the server drops the connection.
-    void replies_data()
+    void answersAreReturnedOrFailedByStatus_data()
     {
         QTest::addColumn<int>("method");
         QTest::addColumn<QString>("callerType");
@@ -85,7 +85,7 @@ private slots:
         QTest::newRow("method 2 makes no request")
             << 2 << QString() << 200 << none << -1 << 0 << none;
     }
-    void replies()
+    void answersAreReturnedOrFailedByStatus()
     {
         QFETCH(int, method);
         QFETCH(QString, callerType);
@@ -137,7 +137,7 @@ private slots:
         QCOMPARE(request.SendRequest(local("/slow"), 1, {}, {}, reply), 0);
         QCOMPARE(reply, QByteArray("slow answer"));
     }
-    void setCookieFromReply_data()
+    void setCookieAnswersUpdateTheLoginCookie_data()
     {
         QTest::addColumn<QString>("recordCookie");
         QTest::addColumn<QByteArray>("setCookie");
@@ -165,7 +165,7 @@ private slots:
         QTest::newRow("prefix matches longer name")
             << "PHPSESSIDX=1" << QByteArray("PHPSESSID=2") << "PHPSESSID=2;";
     }
-    void setCookieFromReply()
+    void setCookieAnswersUpdateTheLoginCookie()
     {
         QFETCH(QString, recordCookie);
         QFETCH(QByteArray, setCookie);
@@ -184,7 +184,7 @@ private slots:
         DataCenter::getInstance()->GetLoginInfor(info);
         QCOMPARE(info.cookies.value("cookie"), expectedCookie);
     }
-    void httpsRequestAgainstTlsServer()
+    void httpsRequestsReachATlsServer()
     {
         HttpStub tls;
         if (!tls.listenTls(0))
@@ -201,7 +201,7 @@ private slots:
         QCOMPARE(reply, QByteArray("secure"));
         QCOMPARE(tls.requests().size(), 1);
     }
-    void formOverloadPostsMultipart()
+    void formRequestsPostMultipart()
     {
         QMap<QString, QString> parts{{"b", "two"}, {"a", "one"}};
         CRequestHttps request;

@@ -2,7 +2,7 @@
 #include "mainappclient.h"
 
 #include "jsonstream.h"
-#include "link/communication.h"
+#include "locallink/locallink.h"
 
 #include <QCoreApplication>
 #include <QDateTime>

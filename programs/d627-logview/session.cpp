@@ -57,7 +57,8 @@ void Session::addRun(qint64 pid, const QString& files, const QList<LogLine>& lin
         std::minmax_element(lines.cbegin(), lines.cend(),
                             [](const LogLine& a, const LogLine& b) { return a.ms < b.ms; });
     m_run = Run{pid, files, low->ms, high->ms, QString()};
-    m_connectedSince = m_downSince = m_backoffSince = m_stepSince = -1;
+    m_connectedSince = m_backoffSince = m_stepSince = -1;
+    m_downSince = m_run.start; // not connected until the first login step
     m_runConnectedMs = 0;
     m_step = -1;
     m_heldCause = Mark();
@@ -166,10 +167,7 @@ void Session::onStep(const LogLine& line)
     if (line.number == 1 && m_connectedSince < 0) {
         m_connectedSince = line.ms;
         ++m_summary.connections;
-    }
-    if (line.number == 4 && m_downSince >= 0 && m_connectedSince >= 0) {
-        m_summary.longestOutageMs = qMax(m_summary.longestOutageMs, line.ms - m_downSince);
-        m_downSince = -1;
+        endOutage(line.ms);
     }
     m_step = line.number;
     m_stepSince = line.ms;
@@ -249,6 +247,13 @@ void Session::connectionLost(qint64 at)
     m_step = -1;
 }
 
+void Session::endOutage(qint64 at)
+{
+    if (m_downSince >= 0)
+        m_summary.longestOutageMs = qMax(m_summary.longestOutageMs, at - m_downSince);
+    m_downSince = -1;
+}
+
 void Session::endStep(qint64 at)
 {
     if (m_step >= 0)
@@ -261,6 +266,7 @@ void Session::endRun()
     flushHeldCause();
     if (m_connectedSince >= 0)
         connectionLost(m_run.end);
+    endOutage(m_run.end);
     m_summary.connectedMs += m_runConnectedMs;
     m_summary.notConnectedMs += m_run.end - m_run.start - m_runConnectedMs;
     endStep(m_run.end);

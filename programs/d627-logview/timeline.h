@@ -27,7 +27,13 @@ public:
     static const char* const kLanes[]; // lane names, top lane first
 
 private:
-    void addSeries(QByteArray& blocks, QByteArray& plots, const QByteArray& rows,
+    // The key's entries and the longest title among them.
+    struct Key
+    {
+        int entries = 0;
+        int longest = 0;
+    };
+    void addSeries(QByteArray& blocks, QByteArray& plots, Key& key, const QByteArray& rows,
                    const QString& title, const QByteArray& style) const;
     qint64 first() const;
     qint64 last() const;

@@ -41,9 +41,9 @@ struct Summary
     int connections = 0;
     qint64 connectedMs = 0;
     qint64 notConnectedMs = 0;
-    qint64 longestOutageMs = 0;
-    QList<Mark> failures; // what: the cause
-    QList<Mark> checks;   // what: the answer
+    qint64 longestOutageMs = 0; // the longest stretch not connected
+    QList<Mark> failures;       // what: the cause
+    QList<Mark> checks;         // what: the answer
     QList<Span> backoffs;
     QList<Mark> notices;  // what: "notice", "query" or "answer"
     QList<Mark> messages; // to the main application; what: "logout", "avatar", "membership", ...
@@ -72,6 +72,9 @@ private:
     void holdCause(const LogLine& line, const QString& cause);
     void flushHeldCause();
     void connectionLost(qint64 at);
+    // A stretch not connected ends: from the run's start or a lost connection to a login step or
+    // the run's end. Together they make up the time not connected.
+    void endOutage(qint64 at);
     void endStep(qint64 at);
     void endRun();
 

@@ -20,6 +20,17 @@ const char* const kStepNames[] = {"step 0: connect", "step 1: log in", "step 2: 
 // Greys to green: the darker, the nearer to running.
 const char* const kStepColours[] = {"#d9d9d9", "#c7e9c0", "#a1d99b", "#74c476", "#238b45"};
 
+// The picture's width, the height of everything but the key, and the key's measures (one row of
+// the key; a character of the 12-point font as gnuplot counts it; what a column holds beside its
+// longest title: the sample and the gaps; the margin kept free on each side).
+constexpr int kWidthPx = 1400;
+constexpr int kPlotHeightPx = 548;
+constexpr int kKeyRowPx = 18;
+constexpr int kCharPx = 8;
+constexpr int kKeyColumnExtraChars = 16;
+constexpr int kKeyMarginPx = 60;
+constexpr int kKeyMaxColumns = 6;
+
 QByteArray seconds(qint64 ms)
 {
     return QByteArray::number(ms / 1000.0, 'f', 3);
@@ -64,11 +75,13 @@ qint64 Timeline::last() const
     return at;
 }
 
-void Timeline::addSeries(QByteArray& blocks, QByteArray& plots, const QByteArray& rows,
+void Timeline::addSeries(QByteArray& blocks, QByteArray& plots, Key& key, const QByteArray& rows,
                          const QString& title, const QByteArray& style) const
 {
     if (rows.isEmpty())
         return; // gnuplot refuses a series without points
+    ++key.entries;
+    key.longest = qMax(key.longest, int(title.size()));
     const QByteArray name = "$d" + QByteArray::number(blocks.count("<< EOD"));
     blocks += name + " << EOD\n" + rows + "EOD\n";
     plots += QByteArray(plots.isEmpty() ? "plot " : ", \\\n     ") + name + ' ' + style +
@@ -79,13 +92,14 @@ QByteArray Timeline::script(const QString& output, Format format) const
 {
     const Summary& s = m_summary;
     QByteArray blocks, plots;
+    Key key;
     for (int step = 0; step < 5; ++step) {
         QByteArray rows;
         for (const Span& span : s.steps) {
             if (span.what.toInt() == step)
                 rows += bar(span.from, span.to, Connection, 0.3);
         }
-        addSeries(blocks, plots, rows, kStepNames[step],
+        addSeries(blocks, plots, key, rows, kStepNames[step],
                   "using 1:2:3:4:5:6 with boxxyerror fs solid 1.0 noborder lc rgb '" +
                       QByteArray(kStepColours[step]) + "'");
     }
@@ -99,7 +113,7 @@ QByteArray Timeline::script(const QString& output, Format format) const
                 rows += point(failure.at, Connection + 0.42);
         }
         static const int kShapes[] = {9, 7, 5, 11, 13, 15, 3, 1, 2};
-        addSeries(blocks, plots, rows, cause.key(),
+        addSeries(blocks, plots, key, rows, cause.key(),
                   "using 1:2 with points pt " + QByteArray::number(kShapes[shape % 9]) +
                       " ps 1.4 lc rgb '#d62728'");
     }
@@ -113,13 +127,13 @@ QByteArray Timeline::script(const QString& output, Format format) const
             if (check.what == colour.key())
                 rows += point(check.at, Checks);
         }
-        addSeries(blocks, plots, rows, "check: " + colour.key(),
+        addSeries(blocks, plots, key, rows, "check: " + colour.key(),
                   "using 1:2 with points pt 7 ps 1.1 lc rgb '" + colour.value() + "'");
     }
     QByteArray rows;
     for (const Span& wait : s.backoffs)
         rows += bar(wait.from, wait.to, Backoffs, 0.2);
-    addSeries(blocks, plots, rows, "back-off wait",
+    addSeries(blocks, plots, key, rows, "back-off wait",
               "using 1:2:3:4:5:6 with boxxyerror fs solid 1.0 noborder lc rgb '#fd8d3c'");
     const QMap<QString, QByteArray> noticeStyles{{"notice", "pt 9 lc rgb '#8c564b'"},
                                                  {"query", "pt 6 lc rgb '#7f7f7f'"},
@@ -130,24 +144,33 @@ QByteArray Timeline::script(const QString& output, Format format) const
             if (notice.what == style.key())
                 rows += point(notice.at, Notices);
         }
-        addSeries(blocks, plots, rows, style.key(),
+        addSeries(blocks, plots, key, rows, style.key(),
                   "using 1:2 with points ps 1.1 " + style.value());
     }
     rows.clear();
     for (const Mark& message : s.messages)
         rows += point(message.at, Messages).trimmed() + " \"" + message.what.toUtf8() + "\"\n";
     // Names beside the points while they fit; a long log shows points only.
-    addSeries(blocks, plots, rows, "message to the main application",
+    addSeries(blocks, plots, key, rows, "message to the main application",
               s.messages.size() <= 24
                   ? "using 1:2:3 with labels point pt 5 ps 1.1 lc rgb '#e377c2' left offset 0.6,0.6"
                   : "using 1:2 with points pt 5 ps 1.1 lc rgb '#e377c2'");
 
     const qint64 from = first(), to = last();
     const qint64 pad = qMax<qint64>(1000, (to - from) / 50);
-    QByteArray head = format == Svg ? "set terminal svg size 1400,620 dynamic noenhanced font "
-                                      "'Sans,12' background '#ffffff'\n"
-                                    : "set terminal pngcairo size 1400,620 noenhanced font "
-                                      "'Sans,10' background '#ffffff'\n";
+    // The key below the plot takes as many columns as fit across the picture, with room to
+    // spare for the sample beside the last one, and as many rows as it then needs: the picture
+    // grows by those rows, so no entry is ever cut off at an edge.
+    const int columnPx = (key.longest + kKeyColumnExtraChars) * kCharPx;
+    const int columns = qBound(1, (kWidthPx - 2 * kKeyMarginPx) / columnPx, kKeyMaxColumns);
+    const int keyRows = qMax(1, (key.entries + columns - 1) / columns);
+    const int heightPx = kPlotHeightPx + keyRows * kKeyRowPx;
+    const QByteArray size = QByteArray::number(kWidthPx) + ',' + QByteArray::number(heightPx);
+    QByteArray head = format == Svg
+                          ? "set terminal svg size " + size +
+                                " dynamic noenhanced font 'Sans,12' background '#ffffff'\n"
+                          : "set terminal pngcairo size " + size +
+                                " noenhanced font 'Sans,12' background '#ffffff'\n";
     head += "set output " + quoted(output) + "\n";
     head +=
         "set title " + quoted(QStringLiteral("d627 session, %1 run(s)").arg(s.runs.size())) + "\n";
@@ -160,7 +183,8 @@ QByteArray Timeline::script(const QString& output, Format format) const
         head += QByteArray(lane ? ", " : "") + quoted(kLanes[lane]) + ' ' +
                 QByteArray::number(Connection - lane);
     head += ") nomirror\nset grid xtics lc rgb '#dddddd'\nset border 3\n";
-    head += "set key outside below horizontal maxrows 4 width 1 height 1\n";
+    head += "set key outside below horizontal maxcols " + QByteArray::number(columns) +
+            " maxrows " + QByteArray::number(keyRows) + " width 1 height 1\n";
     // Where each run started.
     for (const Run& run : s.runs)
         head += "set arrow from " + seconds(run.start) + ", graph 0 to " + seconds(run.start) +
