@@ -7,6 +7,7 @@
 #include "threads/threadmanager.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTemporaryDir>
@@ -15,6 +16,14 @@
 
 namespace {
 constexpr int kTimedOut = 99;
+constexpr int kReportTickMs = 200;  // the adapter's report tick
+constexpr int kAliveCheckMs = 1000; // its check that the main application lives
+// Not early (timers may fire a few per cent early), and not late by more than a loaded,
+// sanitized machine needs: half the interval, and at least a second.
+bool within(qint64 elapsedMs, int intervalMs)
+{
+    return elapsedMs >= intervalMs * 9 / 10 && elapsedMs <= intervalMs + qMax(intervalMs / 2, 1000);
+}
 constexpr int kHandled = 98;
 time_t g_now = 1700000000;
 // An avatar no test row uses: its report, alone, shows that nothing else was sent before it.
@@ -57,6 +66,7 @@ private slots:
         center->SetMainAppId(0);
         center->SetMainLockFile(QString());
         center->SetLoginInfor(CLoginInfor());
+        m_created.start(); // the adapter's timers start with it
         m_adapter.reset(new Adapter);
         QCOMPARE(m_adapter->start(), 1);
         connectClient();
@@ -184,6 +194,33 @@ private slots:
             QCOMPARE(m_client->next(), QJsonObject({{"net_error", false}}));
         }
     }
+    // Five changes, each made as soon as the report before it is read, take five ticks. The main
+    // application found gone ends the loop at the next alive check: a whole number of periods
+    // after the adapter began, and within one period (plus a margin) of being found gone.
+    void reportTickAndAliveCheckKeepTheirPeriods()
+    {
+        DataCenter* center = DataCenter::getInstance();
+        center->SetUserFace("http://tick/0");
+        QCOMPARE(m_client->next().value("user_face").toString(), QString("http://tick/0"));
+        QElapsedTimer ticks;
+        ticks.start();
+        for (int i = 1; i <= 5; ++i) {
+            const QString face = QString("http://tick/%1").arg(i);
+            center->SetUserFace(face);
+            QCOMPARE(m_client->next().value("user_face").toString(), face);
+        }
+        QVERIFY2(within(ticks.elapsed(), 5 * kReportTickMs),
+                 qPrintable(QString::number(ticks.elapsed())));
+        center->SetMainAppExist(false);
+        QElapsedTimer gone;
+        gone.start();
+        QCOMPARE(execUntilExit(30000), 0);
+        const qint64 phase = m_created.elapsed() % kAliveCheckMs;
+        QVERIFY2(gone.elapsed() <= 2 * kAliveCheckMs &&
+                     (phase <= kAliveCheckMs / 2 || phase >= kAliveCheckMs * 9 / 10),
+                 qPrintable(QString("%1 %2").arg(gone.elapsed()).arg(phase)));
+        center->SetMainAppExist(true);
+    }
     void linkDownStartsTheWatchdogAndDropsChanges()
     {
         ThreadManager* manager = ThreadManager::GetInstance();
@@ -215,6 +252,7 @@ private:
     }
 
     QTemporaryDir m_dir;
+    QElapsedTimer m_created;
     QScopedPointer<Adapter> m_adapter;
     QScopedPointer<MainAppSide> m_client;
 };
