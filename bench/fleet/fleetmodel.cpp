@@ -65,6 +65,7 @@ struct Daemon
     std::uint32_t checkGen = 0;     // invalidates an abandoned status check
     std::uint32_t restartGen = 0;   // invalidates a re-armed restart
     std::uint16_t monoOffsetMs = 0; // its machine's monotonic clock, with ownClocks
+    Micros tickPhase = 0;           // ... and its kernel's tick counter
     std::uint8_t step = 0;          // 0..4 as in the daemon
     std::uint8_t probesOut = 0;     // keepalive probes sent and not answered
     bool connected = false;
@@ -127,8 +128,11 @@ private:
         std::uniform_int_distribution<int> clock(0, 999);
         for (size_t i = 0; i < m_daemons.size(); ++i) {
             Daemon& d = m_daemons[i];
-            if (m_env.ownClocks)
+            if (m_env.ownClocks) {
                 d.monoOffsetMs = std::uint16_t(clock(m_rng));
+                if (m_env.tick > 0)
+                    d.tickPhase = Micros(phase(m_rng) * double(4096 * m_env.tick));
+            }
             d.connected = true;
             d.step = 4;
             d.connectionNo = ++m_connections;
@@ -154,20 +158,42 @@ private:
     }
 
     // The keepalive timer as it stands at the failure: before it, every probe was answered.
+    // Between two heartbeats the timer last fires about 31 s after the echo (its checks after the
+    // previous probe), so that the probe's timer is armed 14 s ahead.
     void settleKeepAlive(size_t i, Micros received)
     {
         Daemon& d = m_daemons[i];
         d.lastReceived = received;
-        Micros due = received + m_rules.keepIdle;
+        constexpr Micros kAhead = 14 * kSecond;
+        Micros due = kernelTimer(i, received + m_rules.keepIdle - kAhead, kAhead);
         while (due < m_s.fail) {
             if (due - d.lastReceived >= m_rules.keepIdle) {
                 d.lastReceived = due;
-                due += m_rules.keepInterval;
+                due = kernelTimer(i, due, m_rules.keepInterval);
             } else {
-                due = d.lastReceived + m_rules.keepIdle;
+                due = kernelTimer(i, due, d.lastReceived + m_rules.keepIdle - due);
             }
         }
         push(due, i, Ev::KeepAlive, 0, d.runGen);
+    }
+
+    // When a kernel timer armed at `at` for `delay` fires: Linux's timer wheel rounds the due
+    // tick up to the granularity of the wheel level that the delay falls in (1, 8, 64, 512 ...
+    // ticks for delays from 0, 63, 504, 4032 ... ticks), on the machine's tick counter.
+    Micros kernelTimer(size_t i, Micros at, Micros delay) const
+    {
+        const Micros tick = m_env.tick;
+        if (tick <= 0)
+            return at + delay;
+        const Micros phase = m_env.ownClocks ? m_daemons[i].tickPhase : m_env.tickPhase;
+        const Micros from = at - phase;
+        const Micros now = from >= 0 ? from / tick : -((tick - 1 - from) / tick);
+        const Micros ticks = (delay + tick - 1) / tick;
+        int shift = 0;
+        for (Micros start = 63; shift < 24 && ticks >= start; start <<= 3)
+            shift += 3;
+        const Micros expires = (((now + ticks) >> shift) + 1) << shift;
+        return phase + expires * tick;
     }
 
     void scheduleFailure()
@@ -341,7 +367,17 @@ private:
         return true;
     }
 
-    static Micros synRetry(int syns) { return kSecond << std::min(syns, 6); }
+    // When the `k`-th retransmission of a lost SYN goes out, from the first SYN: a few after
+    // equal waits, then each wait doubled.
+    Micros synAt(int k) const
+    {
+        const int linear = std::min(k, m_rules.synLinear);
+        const int doubling = std::min(k - linear, 20);
+        return m_rules.synFirst * (linear + (Micros(2) << doubling) - 2);
+    }
+
+    // The wait from the `syns`-th SYN to the next.
+    Micros synRetry(int syns) const { return synAt(syns + 1) - synAt(syns); }
 
     void onStatusAnswer(size_t i, Micros at, bool ok)
     {
@@ -411,15 +447,18 @@ private:
     void onPushTry(size_t i, Micros tried, int syns)
     {
         Daemon& d = m_daemons[i];
-        if (silent(tried)) { // the SYN is sent again 1, 3, 7, 15 ... s later
+        if (silent(tried)) { // the SYN is sent again until the hole closes or the attempt gives up
             const Micros giveUp = d.connectStart + m_rules.connectTimeout;
-            Micros again = tried + m_rules.synFirst;
-            for (Micros rto = 2 * m_rules.synFirst; silent(again) && again < giveUp; rto *= 2)
-                again += rto;
+            int k = syns + 1;
+            Micros again = kernelTimer(i, tried, synRetry(syns));
+            while (silent(again) && again < giveUp) {
+                again = kernelTimer(i, again, synRetry(k));
+                ++k;
+            }
             if (again < giveUp)
-                push(again, i, Ev::PushTry, std::uint8_t(syns + 1), d.runGen);
+                push(again, i, Ev::PushTry, std::uint8_t(k), d.runGen);
             else
-                push(giveUp, i, Ev::ConnectTimeout, 0, d.runGen);
+                push(giveUp, i, Ev::ConnectTimeout, 1, d.runGen);
             return;
         }
         if (pushDown(tried) || !admit(tried)) {
@@ -511,18 +550,21 @@ private:
     // (200 ms, doubling) after the black hole, never before the segments sent earlier; -1 when
     // the retransmissions run into the user timeout first (the last one is cut to it and then
     // finds the time up), also when the hole has closed meanwhile.
-    Micros delivery(Daemon& d, Micros at) const
+    Micros delivery(size_t i, Micros at)
     {
+        Daemon& d = m_daemons[i];
         Micros arrive = at;
         if (silent(at)) {
+            const Micros limit = at + m_rules.userTimeout;
             Micros rto = m_rules.rtoFirst;
-            arrive = at + rto;
-            while (silent(arrive)) {
+            do {
+                arrive = kernelTimer(i, arrive, std::min(rto, limit - arrive));
                 rto *= 2;
-                arrive += rto;
-            }
-            if (arrive >= at + m_rules.userTimeout)
+            } while (arrive < limit && silent(arrive));
+            if (arrive >= limit) {
+                d.pipeFreeAt = arrive; // the connection fails then
                 return -1;
+            }
         }
         arrive = std::max(arrive, d.pipeFreeAt);
         d.pipeFreeAt = arrive;
@@ -535,9 +577,8 @@ private:
         trace(i, at, Event::HeartbeatSent);
         // The timer on the boot-time clock starts its next period when this one is handled.
         push(at + m_rules.heartbeat + m_env.timerLate, i, Ev::Heartbeat, 0, d.runGen);
-        const Micros arrive = delivery(d, at);
+        const Micros arrive = delivery(i, at);
         if (arrive < 0) {
-            d.pipeFreeAt = at + m_rules.userTimeout;
             push(d.pipeFreeAt, i, Ev::DataTimeout, 0, d.runGen);
             return;
         }
@@ -558,12 +599,12 @@ private:
     {
         Daemon& d = m_daemons[i];
         if (at < d.pipeFreeAt) {
-            push(at + m_rules.keepIdle, i, Ev::KeepAlive, 0, d.runGen);
+            push(kernelTimer(i, at, m_rules.keepIdle), i, Ev::KeepAlive, 0, d.runGen);
             return;
         }
         const Micros quiet = at - d.lastReceived;
         if (quiet < m_rules.keepIdle) {
-            push(d.lastReceived + m_rules.keepIdle, i, Ev::KeepAlive, 0, d.runGen);
+            push(kernelTimer(i, at, m_rules.keepIdle - quiet), i, Ev::KeepAlive, 0, d.runGen);
             return;
         }
         if (d.probesOut > 0 && quiet >= m_rules.userTimeout) {
@@ -576,7 +617,7 @@ private:
             d.lastReceived = at;
             d.probesOut = 0;
         }
-        push(at + m_rules.keepInterval, i, Ev::KeepAlive, 0, d.runGen);
+        push(kernelTimer(i, at, m_rules.keepInterval), i, Ev::KeepAlive, 0, d.runGen);
     }
 
     void onSlice(Micros at)
@@ -638,6 +679,12 @@ private:
             break;
         case Ev::ConnectTimeout:
             if (item.generation == d.runGen) {
+                // An attempt into the hole ends with one more try (as measured): on a port open
+                // again, the server sees a connection that is closed at once.
+                if (item.arg != 0 && !silent(item.at)) {
+                    if (Bin* b = bin(item.at + m_env.pushLatency))
+                        ++b->connect;
+                }
                 trace(i, item.at, Event::ConnectFailed);
                 checkStatus(i, cpu(item.at), true);
             }

@@ -18,7 +18,8 @@
 //   the query 1 s after the login's answer, the heartbeat starts 1 s after the query's answer
 //   and repeats every 60 s on an exact timer (the boot-time clock, no rounding); an unanswered
 //   heartbeat makes a status check (without reconnection) after 50 s;
-// - a connection attempt that gets no answer gives up after 30 s;
+// - a connection attempt that gets no answer gives up after 30 s (with one more try, which a
+//   port open again accepts and sees closed at once);
 // - the kernel fails a push connection whose path died in silence (keepalive and user timeout on
 //   the socket): a keepalive probe goes out after 45 s without anything received and every 10 s
 //   after it, and the connection fails at the first check that finds a probe unanswered and
@@ -26,9 +27,9 @@
 //   data unacknowledged for 25 s fails it too. A failed connection takes the normal path: a
 //   status check at once, the back-off, step 0.
 // The services answer after fixed latencies; a black-holed TCP segment is retransmitted on
-// Linux's schedule (200 ms, doubling, the last one cut to the user timeout), a black-holed SYN
-// after 1, 3, 7, 15 s. Times are in microseconds on a clock whose zero is a whole second of the
-// wall clock, as the back-off reads whole seconds.
+// Linux's schedule (200 ms, doubling, the last one cut to the user timeout), a lost SYN after
+// 1, 2, 3, 4, 5, 7, 11, 19 s (linear timeouts first, then doubling). Times are in microseconds on a
+// clock whose zero is a whole second of the wall clock, as the back-off reads whole seconds.
 
 #include <cstdint>
 #include <vector>
@@ -53,7 +54,8 @@ struct Rules
     Micros keepIdle = 45 * kSecond;       // nothing received this long: a keepalive probe
     Micros keepInterval = 10 * kSecond;   // the next keepalive check after a probe
     Micros userTimeout = 25 * kSecond;    // unacknowledged data, or silence after a probe, fails
-    Micros synFirst = kSecond;            // first retransmission of a SYN (then doubling)
+    Micros synFirst = kSecond;            // a SYN is sent again after this ...
+    int synLinear = 5;                    // ... this many times, then after doubling waits
     Micros rtoFirst = 200 * kMs;          // first retransmission of data (then doubling)
 };
 
@@ -92,8 +94,12 @@ struct Environment
     // of the model's clock (whose zero is a whole wall-clock second); false: exact timers.
     bool coarse = true;
     Micros monoOffset = 0;
-    // Every daemon on a machine of its own, with its own monotonic clock (a random offset), so
-    // that the rounding of the timers lands elsewhere for each.
+    // The kernel's tick (0: exact kernel timers) and when its counter was a multiple of 4096
+    // ticks: the timer wheel rounds the keepalive and retransmission timers on it.
+    Micros tick = 0;
+    Micros tickPhase = 0;
+    // Every daemon on a machine of its own, with its own monotonic clock and tick counter (random
+    // offsets), so that the rounding of the timers lands elsewhere for each.
     bool ownClocks = false;
     // Bench machine: the daemons share two processors, so each action starts up to this much
     // late (0: every daemon has a machine of its own, as on desktops).

@@ -6,7 +6,7 @@
 //       [--spread S] [--status-slow S] [--status-fail FROM:TO] [--admit R] [--horizon S]
 //       [--bin-ms MS] [--seed X] [--jitter-ms MS] [--status-ms MS] [--address-ms MS]
 //       [--push-ms MS] [--timer-ms MS] [--mono-offset-ms MS] [--exact-timers 0|1] [--own-clocks
-//       0|1]
+//       0|1] [--tick-ms MS] [--tick-phase-ms MS]
 //       [--heartbeats FILE] [--trace DAEMON] [--table FILE]
 //
 // Summary: count, the busiest bin of each service as requests per second, the busiest whole
@@ -108,6 +108,10 @@ int main(int argc, char** argv)
             env.closeBusy = millis(value);
         } else if (name == "--accept-per-ms") {
             env.acceptPerMs = std::atof(value);
+        } else if (name == "--tick-ms") {
+            env.tick = millis(value);
+        } else if (name == "--tick-phase-ms") {
+            env.tickPhase = millis(value);
         } else if (name == "--own-clocks") {
             env.ownClocks = std::atoi(value) != 0;
         } else if (name == "--exact-timers") {

@@ -191,9 +191,12 @@ void TstFleetModel::deadPath_data()
     // received for 55 s: the connection fails, although the hole closed meanwhile.
     QTest::newRow("probe lost in a short hole: failed 55 s after the last echo")
         << -40.0 << 8.0 << QList<double>{15} << 19.0;
-    // The heartbeat into a long hole fails the connection 25 s later; the connection attempt
-    // into the hole gives up after 30 s (its SYNs at 1, 3, 7, 15 s are lost too).
-    QTest::newRow("heartbeat lost in a long hole: failed after the user timeout")
+    // The heartbeat into the hole fails the connection 25 s later. The connection attempt at 37 s
+    // sends its SYN again after 1, 2, 3, 4, 5, 7, 11 s: the one at 48 s gets through ...
+    QTest::newRow("heartbeat lost: failed after the user timeout, a resent SYN connects")
+        << -50.0 << 45.0 << QList<double>{35} << 50.0;
+    // ... and in a longer hole (the next SYN only at 19 s) the attempt gives up after 30 s.
+    QTest::newRow("heartbeat lost in a long hole: the connection attempt gives up")
         << -50.0 << 60.0 << QList<double>{35, 67} << 71.0;
     QTest::newRow("heartbeat retransmitted after a short hole: kept")
         << -55.0 << 10.0 << QList<double>{} << -1.0;
