@@ -417,8 +417,9 @@ def model_section(a, res, count, sc, measured, lead_bins, say, events):
         "the same sub-second phase of the wall clock (the back-off reads whole seconds), Qt's "
         f"rounding of the timers on the machine's monotonic clock (measured: {offset} ms ahead "
         "of the wall clock, modulo 1 s), timers 5 ms late, the closed connections noticed over "
-        f"{0.75 * count:g} ms (0.75 ms a daemon), the black-holed heartbeats of each daemon at "
-        "their measured phase. Per service: the share of the measured arrivals that the model puts into another second "
+        f"{0.75 * count:g} ms (0.75 ms a daemon), the kernel's keepalive and retransmission "
+        "timers rounded by its timer wheel on the machine's tick counter, the heartbeats and last "
+        "traffic of each daemon before a silent outage at their measured times. Per service: the share of the measured arrivals that the model puts into another second "
         "(half the L1 distance of the per-second counts; 0 % is a perfect match), and the "
         "busiest second measured / modelled. The seconds start midway between two points of "
         "the 500 ms grid on which the daemons' timers land.\n")
@@ -547,15 +548,18 @@ def model_section(a, res, count, sc, measured, lead_bins, say, events):
                          for p in ("50", "99", "100"))
         say(f"| {'none' if admit == 0 else f'{admit:,}'} | " + " | ".join(cells) + f" | {rec} |")
 
-    # Waves of a long outage for the page: 10^6 daemons, port refusing 60 s.
-    table = os.path.join(res, "model-1e6-a-60.tsv")
-    run_model(model, ["--kind", "restart", "--down", "60", "--count", str(n), "--fail-ms", "500",
-                      "--horizon", "100", "--own-clocks", "1", "--table", table])
-    gnuplot(f"""
+    # Waves of a long outage for the page: 10^6 daemons, port refusing or black-holed 60 s.
+    waves = [("a-60", ["--kind", "restart"], "push port refusing for 60 s"),
+             ("b-60", ["--kind", "blackhole", "--tick-ms", "4"], "push port black-holed for 60 s")]
+    for name, kind, what in waves:
+        table = os.path.join(res, f"model-1e6-{name}.tsv")
+        run_model(model, kind + ["--down", "60", "--count", str(n), "--fail-ms", "500",
+                                 "--horizon", "100", "--own-clocks", "1", "--table", table])
+        gnuplot(f"""
 set terminal svg size 900,420 dynamic font "sans,11"
-set output "{res}/model-1e6-a-60.svg"
-set title "Model: {n:,} daemons, push port refusing for 60 s (requests per second, 100 ms bins)"
-set xlabel "seconds since the push server went down"
+set output "{res}/model-1e6-{name}.svg"
+set title "Model: {n:,} daemons, {what} (requests per second, 100 ms bins)"
+set xlabel "seconds since the push server failed"
 set ylabel "requests per second"
 set format y "%.0s%c"
 set key right top

@@ -548,22 +548,24 @@ private:
 
     // When a segment sent at `at` reaches the server: at once, or at the first retransmission
     // (200 ms, doubling) after the black hole, never before the segments sent earlier; -1 when
-    // the retransmissions run into the user timeout first (the last one is cut to it and then
-    // finds the time up), also when the hole has closed meanwhile.
+    // the retransmissions run into the user timeout (counted from the first of them) first: the
+    // last one is cut to it and then finds the time up, also when the hole has closed meanwhile.
     Micros delivery(size_t i, Micros at)
     {
         Daemon& d = m_daemons[i];
         Micros arrive = at;
         if (silent(at)) {
-            const Micros limit = at + m_rules.userTimeout;
-            Micros rto = m_rules.rtoFirst;
-            do {
+            arrive = kernelTimer(i, at, m_rules.rtoFirst);
+            // The user timeout counts from the first retransmission.
+            const Micros limit = arrive + m_rules.userTimeout;
+            Micros rto = 2 * m_rules.rtoFirst;
+            while (silent(arrive)) {
                 arrive = kernelTimer(i, arrive, std::min(rto, limit - arrive));
                 rto *= 2;
-            } while (arrive < limit && silent(arrive));
-            if (arrive >= limit) {
-                d.pipeFreeAt = arrive; // the connection fails then
-                return -1;
+                if (arrive >= limit) {
+                    d.pipeFreeAt = arrive; // the connection fails then
+                    return -1;
+                }
             }
         }
         arrive = std::max(arrive, d.pipeFreeAt);

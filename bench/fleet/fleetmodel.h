@@ -24,8 +24,8 @@
 //   the socket): a keepalive probe goes out after 45 s without anything received and every 10 s
 //   after it, and the connection fails at the first check that finds a probe unanswered and
 //   nothing received for 25 s (that is 10 s after a lost probe, 55 s after the last traffic);
-//   data unacknowledged for 25 s fails it too. A failed connection takes the normal path: a
-//   status check at once, the back-off, step 0.
+//   data unacknowledged for 25 s after its first retransmission fails it too. A failed connection
+//   takes the normal path: a status check at once, the back-off, step 0.
 // The services answer after fixed latencies; a black-holed TCP segment is retransmitted on
 // Linux's schedule (200 ms, doubling, the last one cut to the user timeout), a lost SYN after
 // 1, 2, 3, 4, 5, 7, 11, 19 s (linear timeouts first, then doubling). Times are in microseconds on a

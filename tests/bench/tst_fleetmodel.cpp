@@ -191,18 +191,19 @@ void TstFleetModel::deadPath_data()
     // received for 55 s: the connection fails, although the hole closed meanwhile.
     QTest::newRow("probe lost in a short hole: failed 55 s after the last echo")
         << -40.0 << 8.0 << QList<double>{15} << 19.0;
-    // The heartbeat into the hole fails the connection 25 s later. The connection attempt at 37 s
-    // sends its SYN again after 1, 2, 3, 4, 5, 7, 11 s: the one at 48 s gets through ...
+    // The heartbeat into the hole (at 10 s) is resent from 10.2 s on and fails the connection
+    // 25 s after that. The attempt at 37.2 s resends its SYN after 1, 2, 3, 4, 5, 7, 11 s: the one
+    // at 48.2 s gets through ...
     QTest::newRow("heartbeat lost: failed after the user timeout, a resent SYN connects")
-        << -50.0 << 45.0 << QList<double>{35} << 50.0;
+        << -50.0 << 45.0 << QList<double>{35.2} << 50.2;
     // ... and in a longer hole (the next SYN only at 19 s) the attempt gives up after 30 s.
     QTest::newRow("heartbeat lost in a long hole: the connection attempt gives up")
-        << -50.0 << 60.0 << QList<double>{35, 67} << 71.0;
+        << -50.0 << 60.0 << QList<double>{35.2, 67.2} << 71.2;
     QTest::newRow("heartbeat retransmitted after a short hole: kept")
         << -55.0 << 10.0 << QList<double>{} << -1.0;
-    // The retransmission due 30.4 s after the heartbeat is cut to the user timeout (25 s).
+    // The retransmission due 30.4 s after the heartbeat is cut to the user timeout (30.2 s).
     QTest::newRow("retransmission later than the user timeout: failed")
-        << -55.0 << 25.0 << QList<double>{30} << 34.0;
+        << -55.0 << 25.0 << QList<double>{30.2} << 34.2;
 }
 
 // One daemon, its last heartbeat given, the push port black-holed: when the kernel fails the
@@ -229,7 +230,7 @@ void TstFleetModel::deadPath()
     for (const TraceItem& item : only(r, Event::StatusSent))
         gotStatus << double(item.at - s.fail) / double(kSecond);
     QCOMPARE(gotStatus, statusAtS);
-    const Micros expected = recoveredS < 0 ? kNotFailed : Micros(recoveredS * double(kSecond));
+    const Micros expected = recoveredS < 0 ? kNotFailed : qRound64(recoveredS * double(kSecond));
     QCOMPARE(r.recovered[0], expected);
 }
 
