@@ -90,6 +90,36 @@ def mono_offset_ms(raw):
     return 0
 
 
+def wall_to_mono_us(raw):
+    """Monotonic minus wall clock, in microseconds (from the clocks read together)."""
+    with open(os.path.join(raw, "apps.log"), errors="replace") as f:
+        for line in f:
+            parts = line.split()
+            if len(parts) == 4 and parts[1] == "clocks":
+                return int(parts[3]) - int(parts[2])
+    return None
+
+
+def tick_args(raw, fail_ms):
+    """The kernel's tick and the phase of its counter on the model's clock (whose zero is the
+    whole wall-clock second 10 s before the failure's), from two samples of the tick counter and
+    the monotonic clock; the model rounds the kernel's timers on them."""
+    path = os.path.join(raw, "jiffies")
+    offset = wall_to_mono_us(raw)
+    if not os.path.exists(path) or offset is None:
+        return []
+    samples = [tuple(int(x) for x in line.split()[:2]) for line in open(path) if len(line.split()) >= 2]
+    if len(samples) < 2:
+        return []
+    (n0, j0), (n1, j1) = samples[0], samples[-1]
+    tick_ms = round(1000.0 / ((j1 - j0) / ((n1 - n0) / 1e9)))
+    zero_wall_ms = fail_ms - fail_ms % 1000 - 10000
+    zero_mono_ns = (zero_wall_ms * 1000 + offset) * 1000
+    ticks_at_zero = j0 + (zero_mono_ns - n0) / (tick_ms * 1e6)
+    phase_ms = (-(ticks_at_zero % 4096) * tick_ms) % (4096 * tick_ms)
+    return ["--tick-ms", str(tick_ms), "--tick-phase-ms", f"{phase_ms:.3f}"]
+
+
 def read_apps(raw):
     messages, procs = [], []
     with open(os.path.join(raw, "apps.log"), errors="replace") as f:
@@ -193,8 +223,10 @@ def per_second(bins, lead_bins, kind, shift=0):
     """Counts per second from the failure on (bins before it dropped), the seconds starting
     `shift` bins after it."""
     out = []
-    for b in range(lead_bins + shift, len(bins), 1000 // BIN_MS):
-        out.append(sum(x[kind] for x in bins[b:b + 1000 // BIN_MS]))
+    per = 1000 // BIN_MS
+    # Whole seconds only, from the one that holds the failure.
+    for b in range(lead_bins + shift - (per if shift else 0), len(bins) - per + 1, per):
+        out.append(sum(x[kind] for x in bins[b:b + per]))
     return out
 
 
@@ -234,7 +266,7 @@ def run_model(model, args):
     return dict(kv.split("=") for kv in out.split())
 
 
-def model_args(name, s, count, offset):
+def model_args(name, s, count, offset, raw=None):
     """The model's replay of one measured scenario."""
     kind, down = "restart", 0.0
     extra = []
@@ -256,7 +288,7 @@ def model_args(name, s, count, offset):
     # timers firing 5 ms late, and the closed connections noticed over 0.75 ms per daemon (150 ms
     # for 200: the daemons wake at once on two processors).
     bench = ["--mono-offset-ms", str(offset), "--timer-ms", "5",
-             "--close-spread-ms", f"{0.75 * count:g}"]
+             "--close-spread-ms", f"{0.75 * count:g}"] + (tick_args(raw, s["fail"]) if raw else [])
     return ["--kind", kind, "--count", str(count), "--down", f"{down:.3f}",
             "--fail-ms", str(s["fail"] % 1000)] + bench + extra
 
@@ -344,7 +376,9 @@ def report(a):
             ps = max(per_second(bins, lead_bins, k) or [0])
             peaks.append(f"{ps} / {pb}")
         if name.startswith("b-"):
-            recovery = f"{len(rec)} reconnected"
+            # Only the daemons whose connection the kernel failed come back: recovery over them.
+            recovery = f"{len(rec)} reconnected: " + " / ".join(
+                fmt(percentile(list(rec.values()), p, len(rec))) for p in (0.5, 0.99, 1.0))
         else:
             recovery = " / ".join(fmt(percentile(list(rec.values()), p, closed)) for p in (0.5, 0.99, 1.0))
         last = max(reached.values()) / 1000 if reached else None
@@ -383,29 +417,44 @@ def model_section(a, res, count, sc, measured, lead_bins, say, events):
         "the same sub-second phase of the wall clock (the back-off reads whole seconds), Qt's "
         f"rounding of the timers on the machine's monotonic clock (measured: {offset} ms ahead "
         "of the wall clock, modulo 1 s), timers 5 ms late, the closed connections noticed over "
-        f"{0.75 * count:g} ms (0.75 ms a daemon), the black-holed heartbeats of each daemon at "
-        "their measured phase. Per service: the share of the measured arrivals that the model puts into another second "
+        f"{0.75 * count:g} ms (0.75 ms a daemon), the kernel's keepalive and retransmission "
+        "timers rounded by its timer wheel on the machine's tick counter, the heartbeats and last "
+        "traffic of each daemon before a silent outage at their measured times. Per service: the share of the measured arrivals that the model puts into another second "
         "(half the L1 distance of the per-second counts; 0 % is a perfect match), and the "
         "busiest second measured / modelled. The seconds start midway between two points of "
         "the 500 ms grid on which the daemons' timers land.\n")
-    say("| scenario | " + " | ".join(KINDS) + " | recovery p50 / p99 / p100 measured | modelled |")
+    say("| scenario | " + " | ".join(KINDS) + " | recovery p50 / p99 / p100 (s) measured | modelled |")
     say("|---|" + "---|" * len(KINDS) + "---|---|")
     for name, (bins, rec, _) in measured.items():
         s = sc[name]
         table = os.path.join(res, f"model-{name}.tsv")
         extra = []
         if name.startswith("b-"):
-            # The heartbeat phases as they were: each daemon's last heartbeat before the hole.
-            last = {}
+            # The heartbeat phases as they were: each daemon's last heartbeat before the hole, or
+            # for a connection without one yet, the start of its heartbeat timer (1 s after the
+            # query's answer); and the last thing it received (that heartbeat's echo, or the
+            # answer). The model derives the keepalive probes from them.
+            beat, answer = {}, {}
             for t, k, u in events:
-                if k == "heartbeat" and u is not None and t < s["fail"]:
-                    last[u] = t
+                if u is None or t >= s["fail"]:
+                    continue
+                if k == "heartbeat":
+                    beat[u] = t
+                elif k == "answered":
+                    answer[u] = t
             hb = os.path.join(res, f"model-{name}-heartbeats.txt")
             with open(hb, "w") as f:
-                for u in sorted(last):
-                    f.write(f"{(last[u] - s['fail']) / 1000.0:.3f}\n")
+                for u in sorted(set(beat) | set(answer)):
+                    b, q = beat.get(u), answer.get(u)
+                    if b is not None and (q is None or b > q):
+                        start, received = b, b + 2
+                    else:
+                        start, received = q + 1000, q
+                    f.write(f"{(start - s['fail']) / 1000.0:.3f} "
+                            f"{(received - s['fail']) / 1000.0:.3f}\n")
             extra = ["--heartbeats", hb]
-        summary = run_model(model, model_args(name, s, count, offset) + extra + ["--table", table])
+        summary = run_model(model, model_args(name, s, count, offset, a.raw) + extra
+                            + ["--table", table])
         modelled = read_model_table(table)
         ag = agreement(bins, modelled, lead_bins, grid_shift(s["fail"], offset))
         cells = []
@@ -416,10 +465,12 @@ def model_section(a, res, count, sc, measured, lead_bins, say, events):
             total, mtotal, moved, pm, ps = ag[k]
             cells.append(f"{moved * 100:.0f} % ({pm}/{ps})")
         closed = count if not name.startswith("b-") else len(rec)
-        meas = " / ".join(fmt(percentile(list(rec.values()), p, closed)) for p in (0.5, 0.99, 1.0)) \
-            if not name.startswith("b-") else "-"
+        meas = " / ".join(fmt(percentile(list(rec.values()), p, closed)) for p in (0.5, 0.99, 1.0))
         mod = " / ".join(fmt(float(summary[f"recovery_p{p}"])) if float(summary[f"recovery_p{p}"]) >= 0
-                         else "-" for p in ("50", "99", "100")) if not name.startswith("b-") else "-"
+                         else "-" for p in ("50", "99", "100"))
+        if name.startswith("b-"):  # of the daemons whose connection failed
+            meas = f"{closed} failed: {meas}"
+            mod = f"{summary['closed']} failed: {mod}"
         say(f"| {name} | " + " | ".join(cells) + f" | {meas} | {mod} |")
         busy = [b for b, x in enumerate(bins) if any(x[k] for k in KINDS[:5])]
         last = (busy[-1] * BIN_MS - LEAD_MS) / 1000.0 if busy else 10
@@ -434,13 +485,16 @@ def model_section(a, res, count, sc, measured, lead_bins, say, events):
         "on it); the services answer in 3 ms (status, address) and 2 ms (push) whatever the "
         "load, so these are the arrivals the services must take, not what a saturated service "
         "would let through. Every service cell: requests in the busiest second / the busiest "
-        "100 ms as a rate per second. Recovery p50 / p99 / p100 in seconds from the failure.\n")
+        "100 ms as a rate per second. Recovery p50 / p99 / p100 in seconds from the failure; for "
+        "a silent outage (b), of the daemons whose connection the kernel failed.\n")
     say("| scenario | daemons | status | address | connect | login | query | recovery (s) |")
     say("|---|---|---|---|---|---|---|---|")
     plays = [("a-0", ["--kind", "restart", "--down", "0"]),
              ("a-10", ["--kind", "restart", "--down", "10"]),
              ("a-30", ["--kind", "restart", "--down", "30"]),
              ("a-60", ["--kind", "restart", "--down", "60", "--horizon", "120"]),
+             ("b-10", ["--kind", "blackhole", "--down", "10", "--horizon", "140"]),
+             ("b-30", ["--kind", "blackhole", "--down", "30", "--horizon", "140"]),
              ("b-60", ["--kind", "blackhole", "--down", "60", "--horizon", "140"]),
              ("c", ["--kind", "rolling", "--horizon", "120"]),
              ("d-slow", ["--kind", "restart", "--down", "10", "--status-slow", "3"]),
@@ -450,10 +504,13 @@ def model_section(a, res, count, sc, measured, lead_bins, say, events):
         for n in sizes:
             if n >= 10**7 and name not in ("a-10", "c"):
                 continue
-            r = run_model(model, args + ["--count", str(n), "--fail-ms", "500", "--own-clocks", "1"])
+            r = run_model(model, args + ["--count", str(n), "--fail-ms", "500", "--own-clocks", "1",
+                                        "--tick-ms", "4"])
             big[(name, n)] = r
             rec = " / ".join(fmt(float(r[f"recovery_p{p}"])) if float(r[f"recovery_p{p}"]) >= 0 else "-"
-                             for p in ("50", "99", "100")) if name != "b-60" else "-"
+                             for p in ("50", "99", "100"))
+            if name.startswith("b-"):  # only the daemons whose connection failed come back
+                rec = f"{int(r['closed']) / n * 100:.0f} % failed: {rec}"
             say(f"| {name} | {n:,} | " + " | ".join(peak_cells(r, KINDS[:5])) + f" | {rec} |")
 
     # The spread of the moment each daemon notices the failure.
@@ -491,15 +548,18 @@ def model_section(a, res, count, sc, measured, lead_bins, say, events):
                          for p in ("50", "99", "100"))
         say(f"| {'none' if admit == 0 else f'{admit:,}'} | " + " | ".join(cells) + f" | {rec} |")
 
-    # Waves of a long outage for the page: 10^6 daemons, port refusing 60 s.
-    table = os.path.join(res, "model-1e6-a-60.tsv")
-    run_model(model, ["--kind", "restart", "--down", "60", "--count", str(n), "--fail-ms", "500",
-                      "--horizon", "100", "--own-clocks", "1", "--table", table])
-    gnuplot(f"""
+    # Waves of a long outage for the page: 10^6 daemons, port refusing or black-holed 60 s.
+    waves = [("a-60", ["--kind", "restart"], "push port refusing for 60 s"),
+             ("b-60", ["--kind", "blackhole", "--tick-ms", "4"], "push port black-holed for 60 s")]
+    for name, kind, what in waves:
+        table = os.path.join(res, f"model-1e6-{name}.tsv")
+        run_model(model, kind + ["--down", "60", "--count", str(n), "--fail-ms", "500",
+                                 "--horizon", "100", "--own-clocks", "1", "--table", table])
+        gnuplot(f"""
 set terminal svg size 900,420 dynamic font "sans,11"
-set output "{res}/model-1e6-a-60.svg"
-set title "Model: {n:,} daemons, push port refusing for 60 s (requests per second, 100 ms bins)"
-set xlabel "seconds since the push server went down"
+set output "{res}/model-1e6-{name}.svg"
+set title "Model: {n:,} daemons, {what} (requests per second, 100 ms bins)"
+set xlabel "seconds since the push server failed"
 set ylabel "requests per second"
 set format y "%.0s%c"
 set key right top

@@ -35,7 +35,9 @@ enum class Ev : std::uint8_t
     Slice,          // the service closes a slice of connections (daemon field unused)
     StatusTry,      // the status request's connection attempt (arg: SYNs sent before)
     AddressTry,     // the address look-up's connection attempt
-    PushTry         // the push connection attempt
+    PushTry,        // the push connection attempt
+    KeepAlive,      // the kernel's keepalive timer on the push connection
+    DataTimeout     // data unacknowledged for the user timeout: the kernel fails the connection
 };
 
 struct Item
@@ -49,16 +51,23 @@ struct Item
 
 struct Daemon
 {
-    Micros heartbeatAt = 0; // next heartbeat, while running
-    Micros pipeFreeAt = 0;  // when the last segment sent has reached the server
-    Micros echoAt = 0;      // when the last heartbeat's echo comes back
+    Micros heartbeatAt = 0;  // next heartbeat, while running
+    Micros pipeFreeAt = 0;   // when the last segment sent has reached the server
+    Micros echoAt = 0;       // when the last heartbeat's echo comes back
+    Micros lastReceived = 0; // the last segment received on the push connection
     std::uint64_t connectionNo = 0;
-    Micros connectStart = 0; // when step 0 began
+    std::uint64_t connNo = 0;    // the daemon's connection number: a restart and step 0 count it
+    std::uint64_t checkConn = 0; // ... as it was when the status check under way began
+    Micros connectStart = 0;     // when step 0 began
     BackoffState backoff;
     std::uint32_t runGen = 0;       // invalidates a pending step, a pending answer, heartbeats
     std::uint32_t netGen = 0;       // invalidates a stopped net-check timer
+    std::uint32_t checkGen = 0;     // invalidates an abandoned status check
+    std::uint32_t restartGen = 0;   // invalidates a re-armed restart
     std::uint16_t monoOffsetMs = 0; // its machine's monotonic clock, with ownClocks
+    Micros tickPhase = 0;           // ... and its kernel's tick counter
     std::uint8_t step = 0;          // 0..4 as in the daemon
+    std::uint8_t probesOut = 0;     // keepalive probes sent and not answered
     bool connected = false;
     bool checking = false;        // a status request is under way
     bool reconnectWanted = false; // ... and one of its callers wants a reconnection
@@ -119,23 +128,72 @@ private:
         std::uniform_int_distribution<int> clock(0, 999);
         for (size_t i = 0; i < m_daemons.size(); ++i) {
             Daemon& d = m_daemons[i];
-            if (m_env.ownClocks)
+            if (m_env.ownClocks) {
                 d.monoOffsetMs = std::uint16_t(clock(m_rng));
+                if (m_env.tick > 0)
+                    d.tickPhase = Micros(phase(m_rng) * double(4096 * m_env.tick));
+            }
             d.connected = true;
             d.step = 4;
             d.connectionNo = ++m_connections;
             d.backoff = BackoffState{-1000, m_rules.backoffFirstS, true}; // long settled
             if (m_s.kind == Kind::Blackhole) {
+                Micros received = 0;
                 if (i < m_s.lastHeartbeats.size()) {
-                    d.heartbeatAt = timer(i, m_s.fail + m_s.lastHeartbeats[i] - m_env.timerLate,
-                                          m_rules.heartbeat);
+                    const Micros last = m_s.fail + m_s.lastHeartbeats[i];
+                    d.heartbeatAt = last + m_rules.heartbeat + m_env.timerLate;
+                    received = i < m_s.lastReceived.size() ? m_s.fail + m_s.lastReceived[i]
+                                                           : last + m_env.pushLatency;
                 } else {
                     const Micros offset = Micros(phase(m_rng) * double(m_s.heartbeatSpread));
                     d.heartbeatAt = m_s.fail + offset;
+                    received = d.heartbeatAt - m_rules.heartbeat + m_env.pushLatency;
                 }
+                while (d.heartbeatAt < m_s.fail)
+                    d.heartbeatAt += m_rules.heartbeat;
                 push(d.heartbeatAt, i, Ev::Heartbeat, 0, d.runGen);
+                settleKeepAlive(i, received);
             }
         }
+    }
+
+    // The keepalive timer as it stands at the failure: before it, every probe was answered.
+    // Between two heartbeats the timer last fires about 31 s after the echo (its checks after the
+    // previous probe), so that the probe's timer is armed 14 s ahead.
+    void settleKeepAlive(size_t i, Micros received)
+    {
+        Daemon& d = m_daemons[i];
+        d.lastReceived = received;
+        constexpr Micros kAhead = 14 * kSecond;
+        Micros due = kernelTimer(i, received + m_rules.keepIdle - kAhead, kAhead);
+        while (due < m_s.fail) {
+            if (due - d.lastReceived >= m_rules.keepIdle) {
+                d.lastReceived = due;
+                due = kernelTimer(i, due, m_rules.keepInterval);
+            } else {
+                due = kernelTimer(i, due, d.lastReceived + m_rules.keepIdle - due);
+            }
+        }
+        push(due, i, Ev::KeepAlive, 0, d.runGen);
+    }
+
+    // When a kernel timer armed at `at` for `delay` fires: Linux's timer wheel rounds the due
+    // tick up to the granularity of the wheel level that the delay falls in (1, 8, 64, 512 ...
+    // ticks for delays from 0, 63, 504, 4032 ... ticks), on the machine's tick counter.
+    Micros kernelTimer(size_t i, Micros at, Micros delay) const
+    {
+        const Micros tick = m_env.tick;
+        if (tick <= 0)
+            return at + delay;
+        const Micros phase = m_env.ownClocks ? m_daemons[i].tickPhase : m_env.tickPhase;
+        const Micros from = at - phase;
+        const Micros now = from >= 0 ? from / tick : -((tick - 1 - from) / tick);
+        const Micros ticks = (delay + tick - 1) / tick;
+        int shift = 0;
+        for (Micros start = 63; shift < 24 && ticks >= start; start <<= 3)
+            shift += 3;
+        const Micros expires = (((now + ticks) >> shift) + 1) << shift;
+        return phase + expires * tick;
     }
 
     void scheduleFailure()
@@ -246,6 +304,12 @@ private:
         return m_s.kind != Kind::Rolling && at >= m_s.fail && at < m_s.fail + m_s.down;
     }
 
+    // The push port black-holed: nothing gets through in either direction.
+    bool silent(Micros at) const
+    {
+        return m_s.kind == Kind::Blackhole && at >= m_s.fail && at < m_s.fail + m_s.down;
+    }
+
     bool statusFails(Micros at) const
     {
         return m_s.statusFailFrom >= 0 && at >= m_s.fail + m_s.statusFailFrom &&
@@ -253,22 +317,26 @@ private:
     }
 
     // One status check; `reconnect` asks for a reconnection when the session proves valid.
+    // A check under way is abandoned (its request has gone out all the same); its wish passes to
+    // the new one if its connection is still the current one.
     void checkStatus(size_t i, Micros at, bool reconnect)
     {
         Daemon& d = m_daemons[i];
-        if (d.checking) { // joins the request under way
-            d.reconnectWanted = d.reconnectWanted || reconnect;
-            return;
-        }
+        bool wish = reconnect;
+        if (d.checking)
+            wish = wish || (d.reconnectWanted && d.checkConn == d.connNo);
         d.checking = true;
-        d.reconnectWanted = reconnect;
+        d.reconnectWanted = wish;
+        d.checkConn = d.connNo;
+        ++d.checkGen;
         onStatusTry(i, at, 0);
     }
 
     void onStatusTry(size_t i, Micros at, int syns)
     {
         if (!accept(0, at)) {
-            push(at + synRetry(syns), i, Ev::StatusTry, std::uint8_t(syns + 1), 0);
+            push(at + synRetry(syns), i, Ev::StatusTry, std::uint8_t(syns + 1),
+                 m_daemons[i].checkGen);
             return;
         }
         if (Bin* b = bin(at))
@@ -276,7 +344,7 @@ private:
         trace(i, at, Event::StatusSent);
         const bool ok = !statusFails(at);
         push(at + m_env.statusLatency + (ok ? m_s.statusSlow : 0), i, Ev::StatusAnswer, ok ? 1 : 0,
-             0);
+             m_daemons[i].checkGen);
     }
 
     // A listener's accept queue: `backlog` connections wait in it and the server takes
@@ -299,28 +367,43 @@ private:
         return true;
     }
 
-    static Micros synRetry(int syns) { return kSecond << std::min(syns, 6); }
+    // When the `k`-th retransmission of a lost SYN goes out, from the first SYN: a few after
+    // equal waits, then each wait doubled.
+    Micros synAt(int k) const
+    {
+        const int linear = std::min(k, m_rules.synLinear);
+        const int doubling = std::min(k - linear, 20);
+        return m_rules.synFirst * (linear + (Micros(2) << doubling) - 2);
+    }
+
+    // The wait from the `syns`-th SYN to the next.
+    Micros synRetry(int syns) const { return synAt(syns + 1) - synAt(syns); }
 
     void onStatusAnswer(size_t i, Micros at, bool ok)
     {
         Daemon& d = m_daemons[i];
         d.checking = false;
+        const bool current = d.checkConn == d.connNo;
         if (!ok) {
-            if (!d.netCheckOn) {
+            if (current && !d.netCheckOn) {
                 d.netCheckOn = true;
                 push(timer(i, at, m_rules.netCheck), i, Ev::NetCheck, 0, ++d.netGen);
             }
             return;
         }
-        stopNetCheck(d);
-        if (!d.reconnectWanted || d.reconnectPending)
+        if (current)
+            stopNetCheck(d);
+        if (!d.reconnectWanted)
             return;
-        // The back-off reads whole seconds of the wall clock.
+        // Every confirmation takes the next wait (the back-off reads whole seconds of the wall
+        // clock) and re-arms the one restart; one about a replaced connection only re-arms.
         const std::int64_t nowS = std::int64_t(std::floor(double(at) / double(kSecond)));
         const int wait = nextBackoff(m_rules, d.backoff, nowS);
+        if (!current && !d.reconnectPending)
+            return;
         d.reconnectPending = true;
         trace(i, at, Event::ReconnectWait, wait);
-        push(timer(i, at, wait * kSecond), i, Ev::Reconnect, 0, 0);
+        push(timer(i, at, wait * kSecond), i, Ev::Reconnect, 0, ++d.restartGen);
     }
 
     void stopNetCheck(Daemon& d)
@@ -343,6 +426,7 @@ private:
     {
         Daemon& d = m_daemons[i];
         stopNetCheck(d);
+        ++d.connNo;
         d.connectStart = at;
         onAddressTry(i, at, 0);
     }
@@ -363,8 +447,18 @@ private:
     void onPushTry(size_t i, Micros tried, int syns)
     {
         Daemon& d = m_daemons[i];
-        if (m_s.kind == Kind::Blackhole && tried >= m_s.fail && tried < m_s.fail + m_s.down) {
-            push(d.connectStart + m_rules.connectTimeout, i, Ev::ConnectTimeout, 0, d.runGen);
+        if (silent(tried)) { // the SYN is sent again until the hole closes or the attempt gives up
+            const Micros giveUp = d.connectStart + m_rules.connectTimeout;
+            int k = syns + 1;
+            Micros again = kernelTimer(i, tried, synRetry(syns));
+            while (silent(again) && again < giveUp) {
+                again = kernelTimer(i, again, synRetry(k));
+                ++k;
+            }
+            if (again < giveUp)
+                push(again, i, Ev::PushTry, std::uint8_t(k), d.runGen);
+            else
+                push(giveUp, i, Ev::ConnectTimeout, 1, d.runGen);
             return;
         }
         if (pushDown(tried) || !admit(tried)) {
@@ -382,6 +476,8 @@ private:
         }
         const Micros up = tried + m_env.pushLatency;
         d.connected = true;
+        d.lastReceived = up;
+        d.probesOut = 0;
         d.connectionNo = ++m_connections;
         if (Bin* b = bin(up))
             ++b->connect;
@@ -426,9 +522,9 @@ private:
             if (!pushDown(at))
                 push(at + m_env.pushLatency, i, Ev::PushAnswer, 2, d.runGen);
             break;
-        case 3:
+        case 3: // the heartbeat's timer is exact: it runs on the boot-time clock
             d.step = 4;
-            d.heartbeatAt = timer(i, at, m_rules.heartbeat);
+            d.heartbeatAt = at + m_rules.heartbeat + m_env.timerLate;
             push(d.heartbeatAt, i, Ev::Heartbeat, 0, d.runGen);
             break;
         default:
@@ -451,17 +547,25 @@ private:
     }
 
     // When a segment sent at `at` reaches the server: at once, or at the first retransmission
-    // (200 ms, doubling) after the black hole, never before the segments sent earlier.
-    Micros delivery(Daemon& d, Micros at) const
+    // (200 ms, doubling) after the black hole, never before the segments sent earlier; -1 when
+    // the retransmissions run into the user timeout (counted from the first of them) first: the
+    // last one is cut to it and then finds the time up, also when the hole has closed meanwhile.
+    Micros delivery(size_t i, Micros at)
     {
+        Daemon& d = m_daemons[i];
         Micros arrive = at;
-        const Micros holeEnd = m_s.fail + m_s.down;
-        if (m_s.kind == Kind::Blackhole && at >= m_s.fail && at < holeEnd) {
-            Micros rto = 200 * kMs;
-            arrive = at + rto;
-            while (arrive < holeEnd) {
+        if (silent(at)) {
+            arrive = kernelTimer(i, at, m_rules.rtoFirst);
+            // The user timeout counts from the first retransmission.
+            const Micros limit = arrive + m_rules.userTimeout;
+            Micros rto = 2 * m_rules.rtoFirst;
+            while (silent(arrive)) {
+                arrive = kernelTimer(i, arrive, std::min(rto, limit - arrive));
                 rto *= 2;
-                arrive += rto;
+                if (arrive >= limit) {
+                    d.pipeFreeAt = arrive; // the connection fails then
+                    return -1;
+                }
             }
         }
         arrive = std::max(arrive, d.pipeFreeAt);
@@ -473,15 +577,49 @@ private:
     {
         Daemon& d = m_daemons[i];
         trace(i, at, Event::HeartbeatSent);
-        const Micros arrive = delivery(d, at);
+        // The timer on the boot-time clock starts its next period when this one is handled.
+        push(at + m_rules.heartbeat + m_env.timerLate, i, Ev::Heartbeat, 0, d.runGen);
+        const Micros arrive = delivery(i, at);
+        if (arrive < 0) {
+            push(d.pipeFreeAt, i, Ev::DataTimeout, 0, d.runGen);
+            return;
+        }
         if (Bin* b = bin(arrive))
             ++b->heartbeat;
         d.echoAt = arrive + m_env.pushLatency;
+        d.lastReceived = d.echoAt;
+        d.probesOut = 0;
         const Micros watchdog = timer(i, at, m_rules.answerWatchdog);
         if (d.echoAt > watchdog)
             push(watchdog, i, Ev::Watchdog, 0, d.runGen);
-        // A repeating timer: the next period counts from this one's due time.
-        push(timer(i, at - m_env.timerLate, m_rules.heartbeat), i, Ev::Heartbeat, 0, d.runGen);
+    }
+
+    // The kernel's keepalive timer: data in flight puts it off by the idle time; silence for the
+    // idle time sends a probe and checks again after the interval; a probe unanswered and
+    // silence for the user timeout fail the connection.
+    void onKeepAlive(size_t i, Micros at)
+    {
+        Daemon& d = m_daemons[i];
+        if (at < d.pipeFreeAt) {
+            push(kernelTimer(i, at, m_rules.keepIdle), i, Ev::KeepAlive, 0, d.runGen);
+            return;
+        }
+        const Micros quiet = at - d.lastReceived;
+        if (quiet < m_rules.keepIdle) {
+            push(kernelTimer(i, at, m_rules.keepIdle - quiet), i, Ev::KeepAlive, 0, d.runGen);
+            return;
+        }
+        if (d.probesOut > 0 && quiet >= m_rules.userTimeout) {
+            closeConnection(i, at);
+            return;
+        }
+        if (silent(at)) {
+            ++d.probesOut;
+        } else {
+            d.lastReceived = at;
+            d.probesOut = 0;
+        }
+        push(kernelTimer(i, at, m_rules.keepInterval), i, Ev::KeepAlive, 0, d.runGen);
     }
 
     void onSlice(Micros at)
@@ -516,7 +654,8 @@ private:
             checkStatus(i, cpu(item.at), true);
             break;
         case Ev::StatusAnswer:
-            onStatusAnswer(i, cpu(item.at), item.arg != 0);
+            if (item.generation == d.checkGen && d.checking)
+                onStatusAnswer(i, cpu(item.at), item.arg != 0);
             break;
         case Ev::NetCheck:
             if (item.generation != d.netGen || !d.netCheckOn)
@@ -526,10 +665,14 @@ private:
             checkStatus(i, cpu(item.at), true);
             break;
         case Ev::Reconnect:
+            if (item.generation != d.restartGen || !d.reconnectPending)
+                break;
             d.reconnectPending = false;
             d.step = 0;
             d.connected = false;
             ++d.runGen;
+            ++d.connNo;
+            stopNetCheck(d);
             push(timer(i, item.at, m_rules.step), i, Ev::Run, 0, d.runGen);
             break;
         case Ev::Run:
@@ -538,6 +681,12 @@ private:
             break;
         case Ev::ConnectTimeout:
             if (item.generation == d.runGen) {
+                // An attempt into the hole ends with one more try (as measured): on a port open
+                // again, the server sees a connection that is closed at once.
+                if (item.arg != 0 && !silent(item.at)) {
+                    if (Bin* b = bin(item.at + m_env.pushLatency))
+                        ++b->connect;
+                }
                 trace(i, item.at, Event::ConnectFailed);
                 checkStatus(i, cpu(item.at), true);
             }
@@ -551,7 +700,8 @@ private:
                 onHeartbeat(i, item.at);
             break;
         case Ev::StatusTry:
-            onStatusTry(i, item.at, item.arg);
+            if (item.generation == d.checkGen && d.checking)
+                onStatusTry(i, item.at, item.arg);
             break;
         case Ev::AddressTry:
             if (item.generation == d.runGen)
@@ -560,6 +710,14 @@ private:
         case Ev::PushTry:
             if (item.generation == d.runGen)
                 onPushTry(i, item.at, item.arg);
+            break;
+        case Ev::KeepAlive:
+            if (item.generation == d.runGen && d.connected)
+                onKeepAlive(i, item.at);
+            break;
+        case Ev::DataTimeout:
+            if (item.generation == d.runGen && d.connected)
+                closeConnection(i, item.at);
             break;
         case Ev::Watchdog:
             if (item.generation == d.runGen && d.connected && d.echoAt > item.at)

@@ -9,15 +9,27 @@
 //   10 s; one reconnection per failure episode;
 // - a failed status request repeats every 10 s (a timer started at the first failure) until one
 //   succeeds;
+// - every valid answer of a status check that wants a reconnection takes the next back-off wait
+//   and re-arms the one pending restart to it; a check about a connection that a restart has
+//   replaced since only re-arms a pending restart; a newer status check abandons an older one
+//   still waiting (its request was sent all the same) and takes over its wish;
 // - the steps are paced by 1 s timers: the reconnection restarts at step 0 one second after the
 //   back-off, step 0 looks up the address and connects, the login goes 1 s after the connection,
 //   the query 1 s after the login's answer, the heartbeat starts 1 s after the query's answer
-//   and repeats every 60 s; an unanswered heartbeat makes a status check (without reconnection)
-//   after 50 s;
-// - a connection attempt that gets no answer gives up after 30 s.
+//   and repeats every 60 s on an exact timer (the boot-time clock, no rounding); an unanswered
+//   heartbeat makes a status check (without reconnection) after 50 s;
+// - a connection attempt that gets no answer gives up after 30 s (with one more try, which a
+//   port open again accepts and sees closed at once);
+// - the kernel fails a push connection whose path died in silence (keepalive and user timeout on
+//   the socket): a keepalive probe goes out after 45 s without anything received and every 10 s
+//   after it, and the connection fails at the first check that finds a probe unanswered and
+//   nothing received for 25 s (that is 10 s after a lost probe, 55 s after the last traffic);
+//   data unacknowledged for 25 s after its first retransmission fails it too. A failed connection
+//   takes the normal path: a status check at once, the back-off, step 0.
 // The services answer after fixed latencies; a black-holed TCP segment is retransmitted on
-// Linux's schedule (200 ms, doubling). Times are in microseconds on a clock whose zero is a
-// whole second of the wall clock, as the back-off reads whole seconds.
+// Linux's schedule (200 ms, doubling, the last one cut to the user timeout), a lost SYN after
+// 1, 2, 3, 4, 5, 7, 11, 19 s (linear timeouts first, then doubling). Times are in microseconds on a
+// clock whose zero is a whole second of the wall clock, as the back-off reads whole seconds.
 
 #include <cstdint>
 #include <vector>
@@ -39,6 +51,12 @@ struct Rules
     Micros heartbeat = 60 * kSecond;      // heartbeat period in the running step
     Micros answerWatchdog = 50 * kSecond; // heartbeat without an answer: status check
     Micros connectTimeout = 30 * kSecond; // connection attempt without an answer
+    Micros keepIdle = 45 * kSecond;       // nothing received this long: a keepalive probe
+    Micros keepInterval = 10 * kSecond;   // the next keepalive check after a probe
+    Micros userTimeout = 25 * kSecond;    // unacknowledged data, or silence after a probe, fails
+    Micros synFirst = kSecond;            // a SYN is sent again after this ...
+    int synLinear = 5;                    // ... this many times, then after doubling waits
+    Micros rtoFirst = 200 * kMs;          // first retransmission of data (then doubling)
 };
 
 // The reconnection back-off: one value pair per daemon, as in the daemon.
@@ -76,8 +94,12 @@ struct Environment
     // of the model's clock (whose zero is a whole wall-clock second); false: exact timers.
     bool coarse = true;
     Micros monoOffset = 0;
-    // Every daemon on a machine of its own, with its own monotonic clock (a random offset), so
-    // that the rounding of the timers lands elsewhere for each.
+    // The kernel's tick (0: exact kernel timers) and when its counter was a multiple of 4096
+    // ticks: the timer wheel rounds the keepalive and retransmission timers on it.
+    Micros tick = 0;
+    Micros tickPhase = 0;
+    // Every daemon on a machine of its own, with its own monotonic clock and tick counter (random
+    // offsets), so that the rounding of the timers lands elsewhere for each.
     bool ownClocks = false;
     // Bench machine: the daemons share two processors, so each action starts up to this much
     // late (0: every daemon has a machine of its own, as on desktops).
@@ -95,7 +117,7 @@ struct Environment
 enum class Kind
 {
     Restart,   // every connection closed at `fail`, the port refusing until `fail + down`
-    Blackhole, // the push port silent from `fail` to `fail + down`; connections stay open
+    Blackhole, // the push port silent from `fail` to `fail + down`; the kernels find out
     Rolling    // `slices` slices of the longest-open connections closed, one every `slicePeriod`
 };
 
@@ -113,8 +135,11 @@ struct Scenario
     Micros statusFailTo = -1;
     int admitPerSecond = 0; // push server accepts at most this many connections a second
     Micros heartbeatSpread = 60 * kSecond; // the daemons' heartbeat phases, spread over this
-    // Or, per daemon, when its last heartbeat before `fail` went out (relative to `fail`).
+    // Or, per daemon, when its last heartbeat before `fail` went out (relative to `fail`; for a
+    // connection without one yet, when its heartbeat timer started) ...
     std::vector<Micros> lastHeartbeats;
+    // ... and when it last received anything on its connection (empty: the heartbeat's echo).
+    std::vector<Micros> lastReceived;
     Micros horizon = 120 * kSecond; // simulated time after `fail`
     Micros binWidth = 100 * kMs;
     std::uint64_t seed = 627;

@@ -6,12 +6,12 @@
 //       [--spread S] [--status-slow S] [--status-fail FROM:TO] [--admit R] [--horizon S]
 //       [--bin-ms MS] [--seed X] [--jitter-ms MS] [--status-ms MS] [--address-ms MS]
 //       [--push-ms MS] [--timer-ms MS] [--mono-offset-ms MS] [--exact-timers 0|1] [--own-clocks
-//       0|1]
+//       0|1] [--tick-ms MS] [--tick-phase-ms MS]
 //       [--heartbeats FILE] [--trace DAEMON] [--table FILE]
 //
 // Summary: count, the busiest bin of each service as requests per second, the busiest whole
-// second (aligned on the failure) of each, and the recovery (p50, p99, p100 in s; -1: not all
-// back within the horizon).
+// second (aligned on the failure) of each, the daemons whose connection was closed or failed, and
+// their recovery (p50, p99, p100 in s; -1: not all back within the horizon).
 #include "fleetmodel.h"
 
 #include <algorithm>
@@ -108,19 +108,34 @@ int main(int argc, char** argv)
             env.closeBusy = millis(value);
         } else if (name == "--accept-per-ms") {
             env.acceptPerMs = std::atof(value);
+        } else if (name == "--tick-ms") {
+            env.tick = millis(value);
+        } else if (name == "--tick-phase-ms") {
+            env.tickPhase = millis(value);
         } else if (name == "--own-clocks") {
             env.ownClocks = std::atoi(value) != 0;
         } else if (name == "--exact-timers") {
             env.coarse = std::atoi(value) == 0;
         } else if (name == "--heartbeats") {
-            // One line per daemon: seconds from its last heartbeat to the failure (negative).
+            // One line per daemon: its last heartbeat (or when its heartbeat timer started) and,
+            // optionally, the last time it received anything, in seconds from the failure.
             FILE* in = std::fopen(value, "r");
             if (!in)
                 return usage();
-            double t = 0;
-            while (std::fscanf(in, "%lf", &t) == 1)
-                s.lastHeartbeats.push_back(Micros(t * double(kSecond)));
+            char line[128];
+            while (std::fgets(line, sizeof line, in)) {
+                double beat = 0;
+                double received = 0;
+                const int n = std::sscanf(line, "%lf %lf", &beat, &received);
+                if (n < 1)
+                    continue;
+                s.lastHeartbeats.push_back(Micros(beat * double(kSecond)));
+                if (n == 2)
+                    s.lastReceived.push_back(Micros(received * double(kSecond)));
+            }
             std::fclose(in);
+            if (!s.lastReceived.empty() && s.lastReceived.size() != s.lastHeartbeats.size())
+                return usage();
         } else if (name == "--trace") {
             traceDaemon = std::atoi(value);
         } else if (name == "--table") {
@@ -185,7 +200,9 @@ int main(int argc, char** argv)
         peaks([&](const Bin& x) { return x.*(f.member); }, bin, second);
         std::printf(" %s_peak_bin_per_s=%.0f %s_peak_second=%.0f", f.name, bin, f.name, second);
     }
-    std::printf(" recovery_p50=%.2f recovery_p99=%.2f recovery_p100=%.2f\n",
+    const long closed = std::count_if(r.recovered.begin(), r.recovered.end(),
+                                      [](Micros t) { return t != kNotFailed; });
+    std::printf(" closed=%ld recovery_p50=%.2f recovery_p99=%.2f recovery_p100=%.2f\n", closed,
                 recoveryPercentileS(r, 0.5), recoveryPercentileS(r, 0.99),
                 recoveryPercentileS(r, 1.0));
     return 0;

@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # The fleet bench: N real daemons against the sandbox, one machine, a private network and process
 # namespace, and the push server failing in four ways:
-#   b-T   silent outage: the push port black-holed (nftables) for T s
+#   b-T   silent outage: the push port black-holed (nftables) for T s (30, 60, 10)
 #   a-T   clean restart: every push connection closed, the port refusing for T s
 #   c     rolling restart: the longest-open sixth of the connections closed every 10 s for 60 s
 #   d-*   a clean restart of 10 s while the status service is slow (3 s) or failing (25 s)
@@ -97,6 +97,12 @@ wait_answered() { # wait_answered <since ms> <timeout s>: until the whole fleet 
 
 rm -f "$raw"/*
 echo "$count" >"$raw/count"
+# The kernel's tick counter against the monotonic clock, twice: the model rounds the kernel's
+# timers (keepalive, retransmissions) on it as the timer wheel does.
+for _ in 1 2; do
+    awk '/^now at/ { now = $3 } /^jiffies:/ { print now, $2; exit }' /proc/timer_list >>"$raw/jiffies"
+    sleep 1
+done
 mark bench begin
 # A service in front of a fleet takes a whole wave into its accept queue; Qt's default (50) would
 # drop most of it and have the kernels try again a second later (see backlog50.md).
@@ -127,7 +133,9 @@ blackhole() { # blackhole <T>
     sleep "$1"
     nft delete table inet fleet
     mark "$name" restore
-    # The heartbeat's answer watchdog (50 s) and TCP's retransmissions play out within 65 s.
+    # The kernel fails a silent connection within 55 s of the hole's start (a keepalive probe
+    # unanswered for 10 s, a heartbeat unacknowledged for 25 s), and a connection attempt into
+    # the hole gives up after 30 s: the fleet is back within 65 s of the hole's end.
     sleep 65
     ctl clear
     mark "$name" end
@@ -191,6 +199,7 @@ if [ "$quick" = 1 ]; then
 else
     blackhole 30
     blackhole 60
+    blackhole 10
     restart a-0 0
     restart a-10 10
     restart a-30 30

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The fleet model (bench/fleet) keeps to the daemon's timing rules: the back-off sequence and
-// its quiet-spell reset, the 1 s pacing of the steps, the 10 s repeat of a failed status request.
+// its quiet-spell reset, the 1 s pacing of the steps, the 10 s repeat of a failed status request,
+// and the kernel's failing of a connection whose path died in silence.
 #include "fleetmodel.h"
 
 #include <QtTest>
@@ -41,6 +42,8 @@ private slots:
     void pacing();
     void longOutage_data();
     void longOutage();
+    void deadPath_data();
+    void deadPath();
 };
 
 void TstFleetModel::backoffRule_data()
@@ -176,6 +179,59 @@ void TstFleetModel::longOutage()
     }
     QCOMPARE(gotWaits.mid(0, waits.size()), waits);
     QCOMPARE(gotStatus.mid(0, statusAtS.size()), statusAtS);
+}
+
+void TstFleetModel::deadPath_data()
+{
+    QTest::addColumn<double>("lastHeartbeatS");
+    QTest::addColumn<double>("holeS");
+    QTest::addColumn<QList<double>>("statusAtS");
+    QTest::addColumn<double>("recoveredS"); // -1: the connection lived through the hole
+    // The probe 45 s after the heartbeat's echo falls into the hole; 10 s later nothing has been
+    // received for 55 s: the connection fails, although the hole closed meanwhile.
+    QTest::newRow("probe lost in a short hole: failed 55 s after the last echo")
+        << -40.0 << 8.0 << QList<double>{15} << 19.0;
+    // The heartbeat into the hole (at 10 s) is resent from 10.2 s on and fails the connection
+    // 25 s after that. The attempt at 37.2 s resends its SYN after 1, 2, 3, 4, 5, 7, 11 s: the one
+    // at 48.2 s gets through ...
+    QTest::newRow("heartbeat lost: failed after the user timeout, a resent SYN connects")
+        << -50.0 << 45.0 << QList<double>{35.2} << 50.2;
+    // ... and in a longer hole (the next SYN only at 19 s) the attempt gives up after 30 s.
+    QTest::newRow("heartbeat lost in a long hole: the connection attempt gives up")
+        << -50.0 << 60.0 << QList<double>{35.2, 67.2} << 71.2;
+    QTest::newRow("heartbeat retransmitted after a short hole: kept")
+        << -55.0 << 10.0 << QList<double>{} << -1.0;
+    // The retransmission due 30.4 s after the heartbeat is cut to the user timeout (30.2 s).
+    QTest::newRow("retransmission later than the user timeout: failed")
+        << -55.0 << 25.0 << QList<double>{30.2} << 34.2;
+}
+
+// One daemon, its last heartbeat given, the push port black-holed: when the kernel fails the
+// connection (the status checks) and when its query is answered again (after the failure).
+void TstFleetModel::deadPath()
+{
+    QFETCH(double, lastHeartbeatS);
+    QFETCH(double, holeS);
+    QFETCH(QList<double>, statusAtS);
+    QFETCH(double, recoveredS);
+    Environment env;
+    env.statusLatency = env.addressLatency = env.pushLatency = 0;
+    env.timerLate = 0;
+    env.notice = 0;
+    env.coarse = false;
+    Scenario s;
+    s.kind = Kind::Blackhole;
+    s.fail = 100 * kSecond;
+    s.down = Micros(holeS * double(kSecond));
+    s.lastHeartbeats = {Micros(lastHeartbeatS * double(kSecond))};
+    s.horizon = 90 * kSecond;
+    const Result r = single(s, env);
+    QList<double> gotStatus;
+    for (const TraceItem& item : only(r, Event::StatusSent))
+        gotStatus << double(item.at - s.fail) / double(kSecond);
+    QCOMPARE(gotStatus, statusAtS);
+    const Micros expected = recoveredS < 0 ? kNotFailed : qRound64(recoveredS * double(kSecond));
+    QCOMPARE(r.recovered[0], expected);
 }
 
 QTEST_APPLESS_MAIN(TstFleetModel)
