@@ -26,8 +26,6 @@ namespace {
 constexpr int kBackoffFirstS = 1;
 constexpr int kBackoffQuietS = 5;
 constexpr int kBackoffMaxS = 10;
-// What CRequestHttps::SendRequest returns when its wait was abandoned through Abort().
-constexpr int kRequestAbandoned = 1;
 // The address service is asked twice before the lookup fails.
 constexpr int kAddressAttempts = 2;
 // An address entry is "host:port", the port in decimal.

@@ -11,3 +11,6 @@ constexpr int kHttpDelete = 4; // the five-argument overload only
 
 // The one HTTP status that counts as success.
 constexpr int kHttpStatusOk = 200;
+
+// What CRequestHttps::SendRequest returns when its wait was abandoned through Abort().
+constexpr int kRequestAbandoned = 1;

@@ -125,7 +125,7 @@ int CRequestHttps::SendRequest(QString url, int method, QMap<QString, QString> h
 
     waitForReply(networkReply);
     if (m_abort)
-        return 1;
+        return kRequestAbandoned;
 
     m_cookies = m_jar->getCookies();
     if (networkReply->hasRawHeader("set-cookie")) {
