@@ -306,7 +306,7 @@ void NetworkWatch::recheck()
 
 void NetworkWatch::lose(const QString& reason)
 {
-    logger()->Msg(kLogImportant, "network watch: path lost: %s", qPrintable(reason));
+    // The reason goes with the signal; its receiver logs it with what it does about it.
     unwatch();
     emit pathLost(reason);
 }
