@@ -34,7 +34,6 @@ constexpr int kSocketWaitMs = 30000;     // blocking connect, write and disconne
 constexpr int kFrameCompleteMs = 10000;
 // A frame announcing a longer body is not waited for: it fails at once, as a corrupt head.
 constexpr qint64 kMaxFrameBody = 16 * 1024 * 1024;
-constexpr int kMsPerSecond = 1000;
 
 // Intervals of the push connection in milliseconds. The defaults are the daemon's values; tests
 // pass smaller ones to MsgClient's constructor.

@@ -12,7 +12,6 @@
 
 namespace {
 
-constexpr qint64 kMsPerSecond = 1000;
 constexpr qint64 kNsPerMs = 1000000;
 
 qint64 readClockMs(clockid_t clock)
