@@ -246,9 +246,7 @@ void MsgClient::onsocketerror()
     // watchdog and network-error timer are stopped and its pending step is replaced below.
     // Step 0 closes that socket.
     detachSocket();
-    m_netWatch->unwatch();
     m_reconnectTimer->stop();
-    m_frameTimer->stop();
     stopCheckTime();
     stopNetCheckTime();
     ++m_connection;
@@ -278,6 +276,9 @@ void MsgClient::failConnection(const QString& reason)
 
 void MsgClient::detachSocket()
 {
+    // Neither the watch of its path nor the wait for the rest of a frame outlives a connection.
+    m_netWatch->unwatch();
+    m_frameTimer->stop();
     if (!m_socket)
         return;
     disconnect(m_socket, SIGNAL(readyRead()), this, SLOT(onReadyRead()));
@@ -303,8 +304,6 @@ void MsgClient::CloseSocket()
     if (!m_socket)
         return;
     detachSocket();
-    m_netWatch->unwatch();
-    m_frameTimer->stop();
     m_socket->stopTime();
     if (m_socket->isOpen()) {
         m_socket->disconnectFromHost();

@@ -233,7 +233,8 @@ private:
     // Ends the current connection through its disconnection (a status check, then a restart)
     // when its path is known to be gone: the kernel, the network or a suspend said so.
     void failConnection(const QString& reason);
-    // Wires a connected socket's signals to this object; detachSocket() undoes it.
+    // Wires a connected socket's signals to this object; detachSocket() undoes it, and ends the
+    // watch of the connection's path and the wait for the rest of a frame.
     void attachSocket(ClientTcpSocket* socket);
     void detachSocket();
     std::string scopeName(const char* function) const;
