@@ -479,7 +479,8 @@ private slots:
         QTest::addColumn<int>("step");      // the process step afterwards
         QTest::addColumn<bool>("netTimer"); // the network-error timer runs afterwards
         const QString answer149 = R"({"code":0,"data":{"list":[{"t":599999,"data":{"t":149}}]}})";
-        const QStringList none, check{"check"}, connect{"connect"}, restart{"restart"};
+        const QStringList none = QStringList(), check{"check"}, connect{"connect"},
+                          restart{"restart"};
         const int login = kStepLogin;
         QTest::newRow("plain check") << "check" << none << 200 << 1 << false << 0 << 0 << false;
         QTest::newRow("newer check") << "check" << check << 200 << 2 << false << 0 << 0 << false;
