@@ -21,6 +21,9 @@ int nextBackoff(const Rules& rules, BackoffState& state, std::int64_t nowS)
 
 namespace {
 
+// Qt makes a single-shot timer of this length or more a coarse one.
+constexpr Micros kCoarseSingleShot = 2 * kSecond;
+
 enum class Ev : std::uint8_t
 {
     Notice,         // the daemon notices that its connection is gone
@@ -212,6 +215,10 @@ private:
         for (Queue& q : m_queues)
             q.last = std::max(q.last, m_s.fail + closing);
         for (size_t i = 0; i < m_daemons.size(); ++i) {
+            if (i < m_s.firstChecks.size()) {
+                closeConnection(i, m_s.fail + m_s.firstChecks[i] - m_env.notice);
+                continue;
+            }
             const Micros closedAt =
                 m_s.fail + m_env.closeSpread * Micros(i) / Micros(m_daemons.size());
             closeConnection(i, closedAt + Micros(spread(m_rng) * double(m_s.spread)));
@@ -242,10 +249,21 @@ private:
     // within reach); from 20 s on they land on a whole second.
     Micros timer(size_t i, Micros at, Micros interval) const
     {
+        return coarse(at, interval,
+                      m_env.ownClocks ? m_daemons[i].monoOffsetMs * kMs : m_env.monoOffset);
+    }
+
+    // A slow status answer waits on the status service's own single-shot timer, which Qt makes
+    // coarse from 2 s on: the answers of one wave land together on the service's clock.
+    Micros serviceDelay(Micros at, Micros delay) const
+    {
+        return delay >= kCoarseSingleShot ? coarse(at, delay, m_env.monoOffset) : at + delay;
+    }
+
+    Micros coarse(Micros at, Micros interval, Micros offset) const
+    {
         Micros due = at + interval;
         if (m_env.coarse) {
-            const Micros offset =
-                m_env.ownClocks ? m_daemons[i].monoOffsetMs * kMs : m_env.monoOffset;
             const Micros mono = due + offset;
             const Micros second = mono - (((mono % kSecond) + kSecond) % kSecond);
             const Micros ms = (mono - second) / kMs; // 0..999
@@ -343,7 +361,8 @@ private:
             ++b->status;
         trace(i, at, Event::StatusSent);
         const bool ok = !statusFails(at);
-        push(at + m_env.statusLatency + (ok ? m_s.statusSlow : 0), i, Ev::StatusAnswer, ok ? 1 : 0,
+        const Micros answered = at + m_env.statusLatency;
+        push(ok ? serviceDelay(answered, m_s.statusSlow) : answered, i, Ev::StatusAnswer, ok ? 1 : 0,
              m_daemons[i].checkGen);
     }
 

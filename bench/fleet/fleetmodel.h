@@ -140,6 +140,9 @@ struct Scenario
     std::vector<Micros> lastHeartbeats;
     // ... and when it last received anything on its connection (empty: the heartbeat's echo).
     std::vector<Micros> lastReceived;
+    // Or, for a restart, when each daemon sent its first status check after `fail` (relative
+    // to it), as a bench run saw them; the daemons beyond the list notice over `closeSpread`.
+    std::vector<Micros> firstChecks;
     Micros horizon = 120 * kSecond; // simulated time after `fail`
     Micros binWidth = 100 * kMs;
     std::uint64_t seed = 627;

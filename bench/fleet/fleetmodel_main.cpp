@@ -7,7 +7,7 @@
 //       [--bin-ms MS] [--seed X] [--jitter-ms MS] [--status-ms MS] [--address-ms MS]
 //       [--push-ms MS] [--timer-ms MS] [--mono-offset-ms MS] [--exact-timers 0|1] [--own-clocks
 //       0|1] [--tick-ms MS] [--tick-phase-ms MS]
-//       [--heartbeats FILE] [--trace DAEMON] [--table FILE]
+//       [--heartbeats FILE] [--first-checks FILE] [--trace DAEMON] [--table FILE]
 //
 // Summary: count, the busiest bin of each service as requests per second, the busiest whole
 // second (aligned on the failure) of each, the daemons whose connection was closed or failed, and
@@ -136,6 +136,17 @@ int main(int argc, char** argv)
             std::fclose(in);
             if (!s.lastReceived.empty() && s.lastReceived.size() != s.lastHeartbeats.size())
                 return usage();
+        } else if (name == "--first-checks") {
+            // One time per line, in seconds from the failure: when a daemon sent its first
+            // status check; in any order, they are taken from the earliest on.
+            FILE* in = std::fopen(value, "r");
+            if (!in)
+                return usage();
+            double at = 0;
+            while (std::fscanf(in, "%lf", &at) == 1)
+                s.firstChecks.push_back(Micros(at * double(kSecond)));
+            std::fclose(in);
+            std::sort(s.firstChecks.begin(), s.firstChecks.end());
         } else if (name == "--trace") {
             traceDaemon = std::atoi(value);
         } else if (name == "--table") {
