@@ -123,17 +123,19 @@ bool E2eHarness::startDaemon(const QStringList& extra, const QString& socketPath
         return false;
     }
     const QString path = socketPath.isEmpty() ? tmp() + '/' + kInstanceId : socketPath;
-    m_link.reset(new QLocalSocket);
-    connect(m_link.data(), &QLocalSocket::readyRead, this, &E2eHarness::onLinkReadyRead);
+    m_link.reset(new MainAppSide);
+    QLocalSocket& socket = m_link->socket();
+    // After MainAppSide's own reader, which collects what this one then splits.
+    connect(&socket, &QLocalSocket::readyRead, this, &E2eHarness::onLinkReadyRead);
     waitFor(
         [&] {
             if (m_daemon.state() == QProcess::NotRunning)
                 return true;
-            m_link->connectToServer(path);
-            return m_link->waitForConnected(200);
+            socket.connectToServer(path);
+            return socket.waitForConnected(200);
         },
         30000);
-    if (m_link->state() == QLocalSocket::ConnectedState)
+    if (socket.state() == QLocalSocket::ConnectedState)
         return true;
     qWarning("no local server at %s", qPrintable(path));
     return false;
@@ -141,22 +143,19 @@ bool E2eHarness::startDaemon(const QStringList& extra, const QString& socketPath
 
 bool E2eHarness::login(int setting, int logLevel)
 {
-    m_link->write(compact({{"user_id", kUserId},
-                           {"cookie", kCookie},
-                           {"setting", setting},
-                           {"user_agent", kUserAgent},
-                           {"pid", int(QCoreApplication::applicationPid())},
-                           {"lockfile", m_dir->path() + "/mainapp.lock"},
-                           {"loglevel", logLevel}}));
-    return m_link->flush() || m_link->bytesToWrite() == 0;
+    return m_link->sendLogin({{"user_id", kUserId},
+                              {"cookie", kCookie},
+                              {"setting", setting},
+                              {"user_agent", kUserAgent},
+                              {"pid", int(QCoreApplication::applicationPid())},
+                              {"lockfile", m_dir->path() + "/mainapp.lock"},
+                              {"loglevel", logLevel}});
 }
 
 bool E2eHarness::exitDaemon(bool ask)
 {
-    if (ask && m_link && m_link->state() == QLocalSocket::ConnectedState) {
-        m_link->write(R"({"exit":true})");
-        m_link->flush();
-    }
+    if (ask && m_link && m_link->socket().state() == QLocalSocket::ConnectedState)
+        m_link->sendExit();
     if (!waitFor([&] { return m_daemon.state() == QProcess::NotRunning; }, 15000)) {
         qWarning("the daemon did not end");
         return false;
@@ -179,7 +178,7 @@ void E2eHarness::cleanup()
         }
     }
     if (m_link)
-        m_link->abort();
+        m_link->socket().abort();
     m_link.reset();
     if (m_daemon.state() != QProcess::NotRunning) {
         m_daemon.kill();
@@ -216,7 +215,7 @@ void E2eHarness::keepLogs() const
 
 void E2eHarness::onLinkReadyRead()
 {
-    m_linkBuffer += m_link->readAll();
+    m_linkBuffer += m_link->takeReceived();
     for (const QByteArray& object : takeJsonObjects(m_linkBuffer)) {
         const QJsonDocument document = QJsonDocument::fromJson(object);
         if (document.isObject())

@@ -3,7 +3,10 @@
 
 // End-to-end set-up shared by the e2e suites: the real d627-sandbox on its default ports, the
 // real d627 with a private TMPDIR and HOME, and this process as the main application (it holds
-// the main application's lock file and talks on a real local socket). Waits spin the event loop.
+// the main application's lock file and talks on a real local socket, as MainAppSide). Waits spin
+// the event loop.
+
+#include "mainappside.h"
 
 #include <QJsonObject>
 #include <QList>
@@ -89,7 +92,7 @@ public:
     QString dir() const { return m_dir ? m_dir->path() : QString(); }
     QString tmp() const { return m_dir->path() + "/tmp"; }
     QProcess& daemon() { return m_daemon; }
-    QLocalSocket* link() { return m_link.data(); }
+    QLocalSocket* link() { return m_link ? &m_link->socket() : nullptr; }
     QList<QJsonObject>& received() { return m_received; }
 
 private:
@@ -102,7 +105,7 @@ private:
     QProcess m_sandbox;
     QByteArray m_sandboxOut;
     QProcess m_daemon;
-    QScopedPointer<QLocalSocket> m_link;
+    QScopedPointer<MainAppSide> m_link;
     QByteArray m_linkBuffer;
     QList<QJsonObject> m_received;
 };

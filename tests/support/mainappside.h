@@ -32,18 +32,18 @@ public:
         }
         return false;
     }
-    // Writes one message in one piece.
-    void send(const QByteArray& message)
+    // Writes one message in one piece; false when it could not be handed to the socket.
+    bool send(const QByteArray& message)
     {
         m_socket.write(message);
-        m_socket.flush();
+        return m_socket.flush() || m_socket.bytesToWrite() == 0;
     }
     // The login message of the protocol, compact, with the given keys.
-    void sendLogin(const QJsonObject& keys)
+    bool sendLogin(const QJsonObject& keys)
     {
-        send(QJsonDocument(keys).toJson(QJsonDocument::Compact));
+        return send(QJsonDocument(keys).toJson(QJsonDocument::Compact));
     }
-    void sendExit() { send(R"({"exit":true})"); }
+    bool sendExit() { return send(R"({"exit":true})"); }
 
     // The next message from the daemon, or an empty object when none comes in time.
     QJsonObject next(int timeoutMs = 30000)
@@ -58,6 +58,8 @@ public:
     }
     // Everything received and not yet taken by next().
     const QByteArray& received() const { return m_received; }
+    // The same, handed over, for a reader that splits the messages itself.
+    QByteArray takeReceived() { return std::exchange(m_received, {}); }
     QList<QByteArray> takeBadMessages() { return std::exchange(m_badMessages, {}); }
     QLocalSocket& socket() { return m_socket; }
 
