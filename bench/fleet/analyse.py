@@ -140,6 +140,37 @@ def answered_since(raw, since):
     return len({u for t, k, u in events if k == "answered" and t >= since and u is not None})
 
 
+def connection_receipts(raw, reference_ms):
+    """Per user, their push connections in order: (made at, [times the daemon received
+    something]): the login's and every request's answer, each heartbeat's echo."""
+    day = reference_ms - reference_ms % 86400000
+    conns, user_of = {}, {}
+    with open(os.path.join(raw, "sandbox.log"), errors="replace") as f:
+        for line in f:
+            m = LINE.match(line)
+            p = PUSH.match(m.group(5)) if m else None
+            if not p:
+                continue
+            h, mi, sec, ms = (int(x) for x in m.groups()[:4])
+            t = day + ((h * 60 + mi) * 60 + sec) * 1000 + ms
+            if t < reference_ms - 43200000:
+                t += 86400000
+            conn, rest = int(p.group(1)), p.group(2)
+            if rest == "client connected":
+                conns[conn] = (t, [])
+            elif conn in conns and rest.startswith(("answer", "GOOS")):
+                conns[conn][1].append(t)
+            elif rest.startswith("HOOS login"):
+                u = USER.search(rest)
+                if u:
+                    user_of[conn] = int(u.group(1)) - 100000
+    out = collections.defaultdict(list)
+    for conn in sorted(conns):
+        if conn in user_of:
+            out[user_of[conn]].append(conns[conn])
+    return out
+
+
 def scenarios(marks, events):
     """name -> {event: ms (first), 'slices': [...]} in the order played. The moments the push
     server closed, opened and dropped are taken from the sandbox's own log of the commands."""
@@ -412,6 +443,7 @@ def report(a):
 def model_section(a, res, count, sc, measured, lead_bins, say, events):
     model = a.model
     offset = mono_offset_ms(a.raw)
+    receipts = connection_receipts(a.raw, read_marks(a.raw)[0][0])
     say("\n## The model against the measurement\n")
     say(f"The model replays each scenario for {count} daemons on one machine: the failure at "
         "the same sub-second phase of the wall clock (the back-off reads whole seconds), Qt's "
@@ -421,7 +453,8 @@ def model_section(a, res, count, sc, measured, lead_bins, say, events):
         "timers rounded by its timer wheel on the machine's tick counter; and as measured: when "
         "each daemon noticed a restart (its first status check), the closed connections of a "
         f"rolling restart noticed over {0.75 * count:g} ms (0.75 ms a daemon), the heartbeats "
-        "and last traffic of each daemon before a silent outage. Per service: the share of the "
+        "of each daemon before a silent outage and everything it received on its connection "
+        "(from which the keepalive timer is replayed). Per service: the share of the "
         "measured arrivals that the model puts into another second "
         "(half the L1 distance of the per-second counts; 0 % is a perfect match), and the "
         "busiest second measured / modelled. The seconds start midway between two points of "
@@ -445,8 +478,11 @@ def model_section(a, res, count, sc, measured, lead_bins, say, events):
                     beat[u] = t
                 elif k == "answered":
                     answer[u] = t
+            # And everything each daemon received on that connection since it was made, from
+            # which the model replays the kernel's keepalive timer.
             hb = os.path.join(res, f"model-{name}-heartbeats.txt")
-            with open(hb, "w") as f:
+            rc = os.path.join(res, f"model-{name}-receipts.txt")
+            with open(hb, "w") as f, open(rc, "w") as g:
                 for u in sorted(set(beat) | set(answer)):
                     b, q = beat.get(u), answer.get(u)
                     if b is not None and (q is None or b > q):
@@ -455,7 +491,10 @@ def model_section(a, res, count, sc, measured, lead_bins, say, events):
                         start, received = q + 1000, q
                     f.write(f"{(start - s['fail']) / 1000.0:.3f} "
                             f"{(received - s['fail']) / 1000.0:.3f}\n")
-            extra = ["--heartbeats", hb]
+                    made = [c for c in receipts.get(u, []) if c[0] < s["fail"]]
+                    times = [made[-1][0]] + [t for t in made[-1][1] if t < s["fail"]] if made else []
+                    g.write(" ".join(f"{(t - s['fail']) / 1000.0:.3f}" for t in times) + "\n")
+            extra = ["--heartbeats", hb, "--receipts", rc]
         elif name != "c":
             # When each daemon noticed the closed connection, as its first status check shows:
             # two hundred daemons waking on two processors are too uneven a start to guess, and

@@ -155,7 +155,10 @@ private:
                 while (d.heartbeatAt < m_s.fail)
                     d.heartbeatAt += m_rules.heartbeat;
                 push(d.heartbeatAt, i, Ev::Heartbeat, 0, d.runGen);
-                settleKeepAlive(i, received);
+                if (i < m_s.receipts.size() && !m_s.receipts[i].empty())
+                    replayKeepAlive(i);
+                else
+                    settleKeepAlive(i, received);
             }
         }
     }
@@ -177,6 +180,35 @@ private:
                 due = kernelTimer(i, due, d.lastReceived + m_rules.keepIdle - due);
             }
         }
+        push(due, i, Ev::KeepAlive, 0, d.runGen);
+    }
+
+    // The keepalive timer from the connection on: armed for the idle time when the connection
+    // is made, then at each expiry put off until the idle time after the last receipt, or, after
+    // that much silence, a probe (answered before the failure) and the interval.
+    void replayKeepAlive(size_t i)
+    {
+        Daemon& d = m_daemons[i];
+        const std::vector<Micros>& receipts = m_s.receipts[i];
+        size_t next = 1;
+        Micros last = m_s.fail + receipts.front();
+        const auto receivedBy = [&](Micros at) {
+            for (; next < receipts.size() && m_s.fail + receipts[next] <= at; ++next)
+                last = std::max(last, m_s.fail + receipts[next]);
+        };
+        Micros due = kernelTimer(i, last, m_rules.keepIdle);
+        while (due < m_s.fail) {
+            receivedBy(due);
+            const Micros quiet = due - last;
+            if (quiet < m_rules.keepIdle) {
+                due = kernelTimer(i, due, m_rules.keepIdle - quiet);
+            } else {
+                last = due + m_env.pushLatency;
+                due = kernelTimer(i, due, m_rules.keepInterval);
+            }
+        }
+        receivedBy(m_s.fail);
+        d.lastReceived = last;
         push(due, i, Ev::KeepAlive, 0, d.runGen);
     }
 
@@ -253,11 +285,14 @@ private:
                       m_env.ownClocks ? m_daemons[i].monoOffsetMs * kMs : m_env.monoOffset);
     }
 
-    // A slow status answer waits on the status service's own single-shot timer, which Qt makes
-    // coarse from 2 s on: the answers of one wave land together on the service's clock.
+    // On the bench machine a slow status answer waits on the stand-in's single-shot timer,
+    // which Qt makes coarse from 2 s on: the answers of one wave land together on the machine's
+    // clock. A fleet's own service (every daemon on a machine of its own) just takes the delay.
     Micros serviceDelay(Micros at, Micros delay) const
     {
-        return delay >= kCoarseSingleShot ? coarse(at, delay, m_env.monoOffset) : at + delay;
+        if (m_env.ownClocks || delay < kCoarseSingleShot)
+            return at + delay;
+        return coarse(at, delay, m_env.monoOffset);
     }
 
     Micros coarse(Micros at, Micros interval, Micros offset) const

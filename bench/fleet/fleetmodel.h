@@ -140,6 +140,10 @@ struct Scenario
     std::vector<Micros> lastHeartbeats;
     // ... and when it last received anything on its connection (empty: the heartbeat's echo).
     std::vector<Micros> lastReceived;
+    // Or also, per daemon in the same order, when its connection was made and then everything it
+    // received on it before `fail` (relative to it): the kernel's keepalive timer is replayed
+    // from the connection on instead of guessed.
+    std::vector<std::vector<Micros>> receipts;
     // Or, for a restart, when each daemon sent its first status check after `fail` (relative
     // to it), as a bench run saw them; the daemons beyond the list notice over `closeSpread`.
     std::vector<Micros> firstChecks;

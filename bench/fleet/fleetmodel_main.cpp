@@ -7,7 +7,8 @@
 //       [--bin-ms MS] [--seed X] [--jitter-ms MS] [--status-ms MS] [--address-ms MS]
 //       [--push-ms MS] [--timer-ms MS] [--mono-offset-ms MS] [--exact-timers 0|1] [--own-clocks
 //       0|1] [--tick-ms MS] [--tick-phase-ms MS]
-//       [--heartbeats FILE] [--first-checks FILE] [--trace DAEMON] [--table FILE]
+//       [--heartbeats FILE] [--receipts FILE] [--first-checks FILE] [--trace DAEMON]
+//       [--table FILE]
 //
 // Summary: count, the busiest bin of each service as requests per second, the busiest whole
 // second (aligned on the failure) of each, the daemons whose connection was closed or failed, and
@@ -136,6 +137,24 @@ int main(int argc, char** argv)
             std::fclose(in);
             if (!s.lastReceived.empty() && s.lastReceived.size() != s.lastHeartbeats.size())
                 return usage();
+        } else if (name == "--receipts") {
+            // One line per daemon, in the order of --heartbeats: when its connection was made,
+            // then when it received anything on it, in seconds from the failure.
+            FILE* in = std::fopen(value, "r");
+            if (!in)
+                return usage();
+            char line[4096];
+            while (std::fgets(line, sizeof line, in)) {
+                std::vector<Micros>& times = s.receipts.emplace_back();
+                char* cursor = line;
+                char* end = nullptr;
+                for (double at = std::strtod(cursor, &end); end != cursor;
+                     at = std::strtod(cursor, &end)) {
+                    times.push_back(Micros(at * double(kSecond)));
+                    cursor = end;
+                }
+            }
+            std::fclose(in);
         } else if (name == "--first-checks") {
             // One time per line, in seconds from the failure: when a daemon sent its first
             // status check; in any order, they are taken from the earliest on.

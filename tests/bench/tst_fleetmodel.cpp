@@ -187,23 +187,38 @@ void TstFleetModel::deadPath_data()
     QTest::addColumn<double>("holeS");
     QTest::addColumn<QList<double>>("statusAtS");
     QTest::addColumn<double>("recoveredS"); // -1: the connection lived through the hole
+    QTest::addColumn<double>("failS");      // when the hole opens
+    // The kernel's tick (0: exact kernel timers) and, to replay the keepalive timer, when the
+    // connection was made and what it received (empty: the timer guessed from the last echo).
+    QTest::addColumn<double>("tickMs");
+    QTest::addColumn<QList<double>>("receiptsS");
     // The probe 45 s after the heartbeat's echo falls into the hole; 10 s later nothing has been
     // received for 55 s: the connection fails, although the hole closed meanwhile.
     QTest::newRow("probe lost in a short hole: failed 55 s after the last echo")
-        << -40.0 << 8.0 << QList<double>{15} << 19.0;
+        << -40.0 << 8.0 << QList<double>{15} << 19.0 << 100.0 << 0.0 << QList<double>{};
     // The heartbeat into the hole (at 10 s) is resent from 10.2 s on and fails the connection
     // 25 s after that. The attempt at 37.2 s resends its SYN after 1, 2, 3, 4, 5, 7, 11 s: the one
     // at 48.2 s gets through ...
     QTest::newRow("heartbeat lost: failed after the user timeout, a resent SYN connects")
-        << -50.0 << 45.0 << QList<double>{35.2} << 50.2;
+        << -50.0 << 45.0 << QList<double>{35.2} << 50.2 << 100.0 << 0.0 << QList<double>{};
     // ... and in a longer hole (the next SYN only at 19 s) the attempt gives up after 30 s.
     QTest::newRow("heartbeat lost in a long hole: the connection attempt gives up")
-        << -50.0 << 60.0 << QList<double>{35.2, 67.2} << 71.2;
+        << -50.0 << 60.0 << QList<double>{35.2, 67.2} << 71.2 << 100.0 << 0.0 << QList<double>{};
     QTest::newRow("heartbeat retransmitted after a short hole: kept")
-        << -55.0 << 10.0 << QList<double>{} << -1.0;
+        << -55.0 << 10.0 << QList<double>{} << -1.0 << 100.0 << 0.0 << QList<double>{};
     // The retransmission due 30.4 s after the heartbeat is cut to the user timeout (30.2 s).
     QTest::newRow("retransmission later than the user timeout: failed")
-        << -55.0 << 25.0 << QList<double>{30.2} << 34.2;
+        << -55.0 << 25.0 << QList<double>{30.2} << 34.2 << 100.0 << 0.0 << QList<double>{};
+    // With the timer wheel (4 ms ticks) the keepalive timer drifts from "45 s after the last
+    // receipt": made at 0 s, answers at 1 and 2 s, it fires at 45.056 s (rounded up to 512
+    // ticks), 47.008 (a probe, answered), 57.088, then after the echo at 50 s at 96.256: 46 s of
+    // silence, a probe, lost in the hole opened at 96 s, and the connection fails at 106.496.
+    // Guessed from the echo alone, the probe went out at 95.232 s and was answered: kept.
+    QTest::newRow("keepalive replayed from the connection: the probe falls into the hole")
+        << -46.0 << 8.0 << QList<double>{10.496} << 14.496 << 96.0 << 4.0
+        << QList<double>{-96, -95, -94, -46};
+    QTest::newRow("keepalive guessed from the last echo: the probe was answered")
+        << -46.0 << 8.0 << QList<double>{} << -1.0 << 96.0 << 4.0 << QList<double>{};
 }
 
 // One daemon, its last heartbeat given, the push port black-holed: when the kernel fails the
@@ -214,16 +229,24 @@ void TstFleetModel::deadPath()
     QFETCH(double, holeS);
     QFETCH(QList<double>, statusAtS);
     QFETCH(double, recoveredS);
+    QFETCH(double, failS);
+    QFETCH(double, tickMs);
+    QFETCH(QList<double>, receiptsS);
     Environment env;
     env.statusLatency = env.addressLatency = env.pushLatency = 0;
     env.timerLate = 0;
     env.notice = 0;
     env.coarse = false;
+    env.tick = Micros(tickMs * double(kMs));
     Scenario s;
     s.kind = Kind::Blackhole;
-    s.fail = 100 * kSecond;
+    s.fail = Micros(failS * double(kSecond));
     s.down = Micros(holeS * double(kSecond));
     s.lastHeartbeats = {Micros(lastHeartbeatS * double(kSecond))};
+    std::vector<Micros> receipts;
+    for (double at : receiptsS)
+        receipts.push_back(Micros(at * double(kSecond)));
+    s.receipts = {receipts};
     s.horizon = 90 * kSecond;
     const Result r = single(s, env);
     QList<double> gotStatus;
