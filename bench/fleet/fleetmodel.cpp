@@ -397,8 +397,8 @@ private:
         trace(i, at, Event::StatusSent);
         const bool ok = !statusFails(at);
         const Micros answered = at + m_env.statusLatency;
-        push(ok ? serviceDelay(answered, m_s.statusSlow) : answered, i, Ev::StatusAnswer, ok ? 1 : 0,
-             m_daemons[i].checkGen);
+        push(ok ? serviceDelay(answered, m_s.statusSlow) : answered, i, Ev::StatusAnswer,
+             ok ? 1 : 0, m_daemons[i].checkGen);
     }
 
     // A listener's accept queue: `backlog` connections wait in it and the server takes

@@ -584,9 +584,10 @@ private slots:
     // old call leaves the new connection's numbers alone, so its next notice gets a query.
     void staleContinuation_data()
     {
-        QTest::addColumn<QString>("writer"); // whose write waits: the query or the login
+        QTest::addColumn<QString>("writer"); // whose write waits: the query, login or heartbeat
         QTest::newRow("query") << "query";
         QTest::newRow("login") << "login";
+        QTest::newRow("heartbeat") << "heartbeat";
     }
     void staleContinuation()
     {
@@ -598,6 +599,11 @@ private slots:
             return answer;
         });
         MsgClientTimes times = fastTimes(200);
+        // Heartbeats far apart and a short heartbeat watchdog: a watchdog that the old
+        // connection's heartbeat started on the new one would fire long before the new one's
+        // first heartbeat and its echo.
+        times.heartbeatMs = 4000;
+        times.heartbeatAnswerMs = 250;
         std::unique_ptr<MsgClient> client;
         bool hooked = false, returned = false;
         // The client's socket gets a hook on its first write: the failure that a disconnection
@@ -622,11 +628,22 @@ private slots:
         } else {
             client = m_s->running(times);
             hook();
-            QCOMPARE(m_s->push.sendNotice(1), 1);
+            if (writer == "query")
+                QCOMPARE(m_s->push.sendNotice(1), 1);
         }
         QTRY_VERIFY_WITH_TIMEOUT(returned, 20000);
         QCOMPARE(m_s->push.acceptedCount(), 2);
         QTRY_COMPARE_WITH_TIMEOUT(client->process(), 4, 10000);
+        if (writer == "heartbeat") {
+            // No watchdog of the old heartbeat on the new connection: its first heartbeat goes
+            // out, and nothing has asked for a status check but the two in the hook.
+            const auto lastHeartbeatOn = [&] {
+                const QList<PushFrame> beats = m_s->frames(&PushFrame::isHeartbeat);
+                return beats.isEmpty() ? 0 : beats.last().connection;
+            };
+            QTRY_COMPARE_WITH_TIMEOUT(lastHeartbeatOn(), 2, 20000);
+            QCOMPARE(m_s->requestsTo(kSso), 2);
+        }
         const auto queriesOn2 = [&] {
             int count = 0;
             for (const PushFrame& frame : m_s->frames(&PushFrame::isQuery))
