@@ -19,6 +19,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <string>
 
 using namespace fleetmodel;
@@ -33,6 +35,21 @@ Micros seconds(const char* text)
 Micros millis(const char* text)
 {
     return Micros(std::atof(text) * double(kMs));
+}
+
+// Reads a file of times in seconds from the failure, one row per line; false if unreadable.
+bool readTimeRows(const char* path, std::vector<std::vector<Micros>>& rows)
+{
+    std::ifstream in(path);
+    if (!in)
+        return false;
+    for (std::string line; std::getline(in, line);) {
+        std::vector<Micros>& row = rows.emplace_back();
+        std::istringstream fields(line);
+        for (double at = 0; fields >> at;)
+            row.push_back(Micros(at * double(kSecond)));
+    }
+    return true;
 }
 
 int usage()
@@ -119,52 +136,32 @@ int main(int argc, char** argv)
             env.coarse = std::atoi(value) == 0;
         } else if (name == "--heartbeats") {
             // One line per daemon: its last heartbeat (or when its heartbeat timer started) and,
-            // optionally, the last time it received anything, in seconds from the failure.
-            FILE* in = std::fopen(value, "r");
-            if (!in)
+            // optionally, the last time it received anything.
+            std::vector<std::vector<Micros>> rows;
+            if (!readTimeRows(value, rows))
                 return usage();
-            char line[128];
-            while (std::fgets(line, sizeof line, in)) {
-                double beat = 0;
-                double received = 0;
-                const int n = std::sscanf(line, "%lf %lf", &beat, &received);
-                if (n < 1)
+            for (const std::vector<Micros>& row : rows) {
+                if (row.empty())
                     continue;
-                s.lastHeartbeats.push_back(Micros(beat * double(kSecond)));
-                if (n == 2)
-                    s.lastReceived.push_back(Micros(received * double(kSecond)));
+                s.lastHeartbeats.push_back(row[0]);
+                if (row.size() >= 2)
+                    s.lastReceived.push_back(row[1]);
             }
-            std::fclose(in);
             if (!s.lastReceived.empty() && s.lastReceived.size() != s.lastHeartbeats.size())
                 return usage();
         } else if (name == "--receipts") {
             // One line per daemon, in the order of --heartbeats: when its connection was made,
-            // then when it received anything on it, in seconds from the failure.
-            FILE* in = std::fopen(value, "r");
-            if (!in)
+            // then when it received anything on it.
+            if (!readTimeRows(value, s.receipts))
                 return usage();
-            char line[4096];
-            while (std::fgets(line, sizeof line, in)) {
-                std::vector<Micros>& times = s.receipts.emplace_back();
-                char* cursor = line;
-                char* end = nullptr;
-                for (double at = std::strtod(cursor, &end); end != cursor;
-                     at = std::strtod(cursor, &end)) {
-                    times.push_back(Micros(at * double(kSecond)));
-                    cursor = end;
-                }
-            }
-            std::fclose(in);
         } else if (name == "--first-checks") {
-            // One time per line, in seconds from the failure: when a daemon sent its first
-            // status check; in any order, they are taken from the earliest on.
-            FILE* in = std::fopen(value, "r");
-            if (!in)
+            // When the daemons sent their first status checks, in any order: they are taken from
+            // the earliest on.
+            std::vector<std::vector<Micros>> rows;
+            if (!readTimeRows(value, rows))
                 return usage();
-            double at = 0;
-            while (std::fscanf(in, "%lf", &at) == 1)
-                s.firstChecks.push_back(Micros(at * double(kSecond)));
-            std::fclose(in);
+            for (const std::vector<Micros>& row : rows)
+                s.firstChecks.insert(s.firstChecks.end(), row.begin(), row.end());
             std::sort(s.firstChecks.begin(), s.firstChecks.end());
         } else if (name == "--trace") {
             traceDaemon = std::atoi(value);
