@@ -295,6 +295,7 @@ private:
         return coarse(at, delay, m_env.monoOffset);
     }
 
+    // Qt's coarse timer started at `at`, on a monotonic clock `offset` ahead of the model's.
     Micros coarse(Micros at, Micros interval, Micros offset) const
     {
         Micros due = at + interval;
