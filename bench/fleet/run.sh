@@ -11,7 +11,7 @@
 # replays each scenario for the same fleet (checked against the measurement) and for 10^4..10^7
 # daemons. Writes bench/results/fleet/: summary.md, the per-100 ms tables, model tables, charts.
 #
-#   bash bench/fleet/run.sh [--count N] [--quick]    needs root, nftables, gnuplot-nox
+#   bash bench/fleet/run.sh [--count N] [--quick]    as root; installs what is missing
 #   bash bench/fleet/run.sh --render                 only the analysis, from the last raw data
 #
 # --quick: fewer outage lengths and no model sweep beyond 10^5 (for trying it out with a small N).
@@ -51,6 +51,7 @@ if [ -z "${D627_FLEET_INSIDE:-}" ]; then
         echo "the fleet bench needs root (a network and PID namespace with nftables)" >&2
         exit 2
     fi
+    bash "$root/tools/setup.sh" deps
     launcher=()
     command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
     [ -f "$build/CMakeCache.txt" ] || cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DD627_BUILD_TESTS=OFF \
