@@ -22,6 +22,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <utility>
 
 using namespace fleetmodel;
 
@@ -44,10 +45,11 @@ bool readTimeRows(const char* path, std::vector<std::vector<Micros>>& rows)
     if (!in)
         return false;
     for (std::string line; std::getline(in, line);) {
-        std::vector<Micros>& row = rows.emplace_back();
+        std::vector<Micros> row;
         std::istringstream fields(line);
         for (double at = 0; fields >> at;)
             row.push_back(Micros(at * double(kSecond)));
+        rows.push_back(std::move(row));
     }
     return true;
 }
