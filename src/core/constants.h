@@ -5,6 +5,8 @@
 
 // Numbers of the process core that the layers above share.
 
+constexpr int kMsPerSecond = 1000;
+
 // Levels of LogManager::Msg and Infor. A line is written when the threshold that the main
 // application sends is not kLogOff and not greater than the line's level.
 constexpr int kLogTrace = 0; // the scope tracers and a few trace lines

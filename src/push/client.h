@@ -1,6 +1,7 @@
 #pragma once
 // SPDX-License-Identifier: Apache-2.0
 
+#include "core/constants.h"
 #include "push/client_netwatch.h"
 #include "push/client_sleepwatch.h"
 #include "push/msg_client.h"

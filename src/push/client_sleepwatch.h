@@ -14,8 +14,6 @@
 
 class QSocketNotifier;
 
-constexpr int kMsPerSecond = 1000;
-
 // The two clocks, in milliseconds; tests give their own.
 class ClockSource
 {
