@@ -36,47 +36,54 @@ def read_marks(raw):
     return marks
 
 
-def read_sandbox(raw, reference_ms):
-    """Events (ms, kind, user or None) seen by the services, in order."""
+def sandbox_lines(raw, reference_ms):
+    """The sandbox's lines as (epoch ms, text); its stamps are times of day (UTC), placed on the
+    day of the reference, or the next one when they lie more than 12 hours before it."""
     day = reference_ms - reference_ms % 86400000
-    events = []
-    conn_user = {}
-    pending_query = set()
     with open(os.path.join(raw, "sandbox.log"), errors="replace") as f:
         for line in f:
             m = LINE.match(line)
             if not m:
                 continue
-            h, mi, s, ms, text = m.groups()
-            t = day + ((int(h) * 60 + int(mi)) * 60 + int(s)) * 1000 + int(ms)
+            h, mi, sec, ms, text = m.groups()
+            t = day + ((int(h) * 60 + int(mi)) * 60 + int(sec)) * 1000 + int(ms)
             if t < reference_ms - 43200000:
                 t += 86400000
-            if text.startswith("ctl   "):
-                events.append((t, "ctl", text[6:]))
-            elif text.startswith("http  GET /app/1.0/linux/5.0.1/check/sso"):
-                events.append((t, "status", None))
-            elif text.startswith("http  POST /get_tcp_server"):
-                events.append((t, "address", None))
-            else:
-                p = PUSH.match(text)
-                if not p:
-                    continue
-                conn, rest = int(p.group(1)), p.group(2)
-                if rest == "client connected":
-                    events.append((t, "connect", None))
-                elif rest.startswith("HOOS login"):
-                    u = USER.search(rest)
-                    user = int(u.group(1)) - 100000 if u else None
-                    conn_user[conn] = user
-                    events.append((t, "login", user))
-                elif rest.startswith("IOOS request#0") and "(query)" in rest:
-                    pending_query.add(conn)
-                    events.append((t, "query", conn_user.get(conn)))
-                elif rest.startswith("answer") and conn in pending_query:
-                    pending_query.discard(conn)
-                    events.append((t, "answered", conn_user.get(conn)))
-                elif rest.startswith("GOOS"):
-                    events.append((t, "heartbeat", conn_user.get(conn)))
+            yield t, text
+
+
+def read_sandbox(raw, reference_ms):
+    """Events (ms, kind, user or None) seen by the services, in order."""
+    events = []
+    conn_user = {}
+    pending_query = set()
+    for t, text in sandbox_lines(raw, reference_ms):
+        if text.startswith("ctl   "):
+            events.append((t, "ctl", text[6:]))
+        elif text.startswith("http  GET /app/1.0/linux/5.0.1/check/sso"):
+            events.append((t, "status", None))
+        elif text.startswith("http  POST /get_tcp_server"):
+            events.append((t, "address", None))
+        else:
+            p = PUSH.match(text)
+            if not p:
+                continue
+            conn, rest = int(p.group(1)), p.group(2)
+            if rest == "client connected":
+                events.append((t, "connect", None))
+            elif rest.startswith("HOOS login"):
+                u = USER.search(rest)
+                user = int(u.group(1)) - 100000 if u else None
+                conn_user[conn] = user
+                events.append((t, "login", user))
+            elif rest.startswith("IOOS request#0") and "(query)" in rest:
+                pending_query.add(conn)
+                events.append((t, "query", conn_user.get(conn)))
+            elif rest.startswith("answer") and conn in pending_query:
+                pending_query.discard(conn)
+                events.append((t, "answered", conn_user.get(conn)))
+            elif rest.startswith("GOOS"):
+                events.append((t, "heartbeat", conn_user.get(conn)))
     return events
 
 
@@ -143,27 +150,20 @@ def answered_since(raw, since):
 def connection_receipts(raw, reference_ms):
     """Per user, their push connections in order: (made at, [times the daemon received
     something]): the login's and every request's answer, each heartbeat's echo."""
-    day = reference_ms - reference_ms % 86400000
     conns, user_of = {}, {}
-    with open(os.path.join(raw, "sandbox.log"), errors="replace") as f:
-        for line in f:
-            m = LINE.match(line)
-            p = PUSH.match(m.group(5)) if m else None
-            if not p:
-                continue
-            h, mi, sec, ms = (int(x) for x in m.groups()[:4])
-            t = day + ((h * 60 + mi) * 60 + sec) * 1000 + ms
-            if t < reference_ms - 43200000:
-                t += 86400000
-            conn, rest = int(p.group(1)), p.group(2)
-            if rest == "client connected":
-                conns[conn] = (t, [])
-            elif conn in conns and rest.startswith(("answer", "GOOS")):
-                conns[conn][1].append(t)
-            elif rest.startswith("HOOS login"):
-                u = USER.search(rest)
-                if u:
-                    user_of[conn] = int(u.group(1)) - 100000
+    for t, text in sandbox_lines(raw, reference_ms):
+        p = PUSH.match(text)
+        if not p:
+            continue
+        conn, rest = int(p.group(1)), p.group(2)
+        if rest == "client connected":
+            conns[conn] = (t, [])
+        elif conn in conns and rest.startswith(("answer", "GOOS")):
+            conns[conn][1].append(t)
+        elif rest.startswith("HOOS login"):
+            u = USER.search(rest)
+            if u:
+                user_of[conn] = int(u.group(1)) - 100000
     out = collections.defaultdict(list)
     for conn in sorted(conns):
         if conn in user_of:
