@@ -12,6 +12,7 @@
 // D627_CHAOS_SECONDS, D627_CHAOS_SEED and D627_CHAOS_RESULTS turn a row into a long run that
 // writes one line per phase (bench/chaos.sh).
 
+#include "defaultservices.h"
 #include "e2eharness.h"
 #include "faultproxy.h"
 
@@ -32,7 +33,6 @@ constexpr int kRecoveryLimitMs = (10 + 3 + 5) * 1000 + 60000;
 constexpr int kSampleMs = 250;   // invariants checked this often
 constexpr int kTrafficMs = 1500; // a notice or a queued change this often
 constexpr int kLossPercent = 25; // random loss
-constexpr quint16 kHttpPort = 18627;
 constexpr quint16 kPushPort = 18628;
 
 enum Fault
@@ -139,7 +139,7 @@ bool tst_Chaos::apply(const QList<Fault>& faults)
         if (faults.contains(BlackHole))
             rule("tcp " + side + ' ' + proxy, "drop");
         if (faults.contains(HttpLoss))
-            rule("tcp " + side + ' ' + QString::number(kHttpPort), loss);
+            rule("tcp " + side + ' ' + QString::number(kDefaultServicesPort), loss);
     }
     if (faults.contains(Reset))
         rule("tcp dport " + proxy, "reject with tcp reset");

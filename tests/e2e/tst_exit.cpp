@@ -4,6 +4,7 @@
 // 127.0.0.1:18627 are served here; the user agent "exit/<state>/<way>/<uid>" tells the case.
 
 #include "core/serviceurls.h"
+#include "defaultservices.h"
 #include "httpstub.h"
 #include "link/communication.h"
 #include "mainappside.h"
@@ -58,8 +59,11 @@ private:
 
 void tst_Exit::initTestCase()
 {
+    if (!buildUsesDefaultServices())
+        QSKIP("this build's services are not on the default loopback port");
     QTcpServer probe;
-    QVERIFY(m_push.listen(0) && m_http.listen(18627) && probe.listen(QHostAddress::LocalHost));
+    QVERIFY(m_push.listen(0) && m_http.listen(kDefaultServicesPort) &&
+            probe.listen(QHostAddress::LocalHost));
     const quint16 refused = probe.serverPort();
     probe.close();
     m_http.route(kAddress, [this, refused](const HttpStubRequest& request) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "core/serviceurls.h"
+#include "defaultservices.h"
 #include "httpstub.h"
 #include "link/communication.h"
 #include "mainappside.h"
@@ -160,16 +160,15 @@ private slots:
                 0);
         // Every service answer sets a cookie, which the daemon prints on stderr even at threshold
         // 0.
-        if (!foreign &&
-            !QByteArray(serviceurls::kPushAddressUrl).startsWith("http://127.0.0.1:18627/"))
-            QSKIP("this build's services are not on 127.0.0.1:18627");
+        if (!foreign && !buildUsesDefaultServices())
+            QSKIP("this build's services are not on the default loopback port");
         HttpStub services;
         services.setFallback([](const HttpStubRequest&) {
             HttpStubResponse answer = HttpStubResponse::json("{}", 404);
             answer.headers.append({"Set-Cookie", kSessionCookie});
             return answer;
         });
-        QVERIFY(foreign || services.listen(18627));
+        QVERIFY(foreign || services.listen(kDefaultServicesPort));
         const QByteArray socket = QFile::encodeName(tmp + "/" + kInstanceId);
         const pid_t impostor =
             foreign == 2 ? ownership::asOtherUser([&]() { return ownership::talk(socket); }) : 0;

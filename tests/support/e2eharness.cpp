@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "e2eharness.h"
 
-#include "core/serviceurls.h"
+#include "defaultservices.h"
 #include "jsonstream.h"
 #include "link/communication.h"
 
@@ -76,9 +76,7 @@ using namespace e2e;
 bool E2eHarness::prepare()
 {
     // Only loopback: a build whose services are not the sandbox's would talk to other hosts.
-    const QByteArray services = "http://127.0.0.1:18627/";
-    if (!QByteArray(serviceurls::kSsoStatusUrl).startsWith(services) ||
-        !QByteArray(serviceurls::kPushAddressUrl).startsWith(services))
+    if (!buildUsesDefaultServices())
         return false;
     m_dir.reset(new QTemporaryDir);
     if (!m_dir->isValid() || !QDir().mkpath(tmp()) || !QDir().mkpath(dir() + "/home"))

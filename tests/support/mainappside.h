@@ -4,7 +4,7 @@
 // The main application's side of the local link, as the tests play it against an Adapter in the
 // same process or a real daemon: a local socket that sends the protocol's messages and collects
 // what the daemon writes back. Every message the daemon writes must be one compact JSON object
-// in one piece; anything else is kept in badMessages() for the test to fail on.
+// in one piece; anything else is kept for takeBadMessages(), for the test to fail on.
 
 #include <QDeadlineTimer>
 #include <QJsonDocument>
